@@ -1,0 +1,1 @@
+"""Validation, evaluation and backtest of expression graphs on one machine."""

@@ -1,0 +1,135 @@
+#pragma once
+
+#include "quillstone/simulate_signal/runtime/errors.hpp"
+
+#include <concepts>
+#include <cstddef>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+namespace quillstone::runtime {
+
+/// One keyword argument: `"name"_kw = value`.
+template <FixedText Text>
+struct Keyword {
+    View value;
+    static PyObject* name() noexcept { return interned_name<Text>.object(); }
+};
+
+template <FixedText Text>
+struct KeywordName {
+    constexpr Keyword<Text> operator=(View value) const noexcept { return {value}; }
+    Keyword<Text> operator=(bool value) const noexcept { return {boolean(value)}; }
+};
+
+inline namespace literals {
+template <FixedText Text>
+constexpr KeywordName<Text> operator""_kw() noexcept {
+    return {};
+}
+} // namespace literals
+
+template <class Argument>
+inline constexpr bool is_keyword = false;
+template <FixedText Text>
+inline constexpr bool is_keyword<Keyword<Text>> = true;
+
+/// What a call is made on, and from where.
+struct Target {
+    View object;
+    Here where;
+    template <std::convertible_to<View> Reference>
+    Target(const Reference& reference, Here here = Here::current()) : object(reference), where(here) {}
+};
+
+namespace detail {
+
+template <class... Arguments>
+inline constexpr std::size_t keyword_count = (std::size_t{0} + ... + (is_keyword<Arguments> ? 1 : 0));
+
+/// The tuple of keyword names of one kind of call, made once.
+template <class... Arguments>
+PyObject* keyword_names(Here where) {
+    if constexpr (keyword_count<Arguments...> == 0) {
+        return nullptr;
+    } else {
+        static PyObject* const names = [where] {
+            Object tuple = owned(PyTuple_New(keyword_count<Arguments...>), where);
+            Py_ssize_t index = 0;
+            const auto add = [&]<class Argument>(std::type_identity<Argument>) {
+                if constexpr (is_keyword<Argument>) {
+                    PyTuple_SET_ITEM(tuple.get(), index++, Py_NewRef(Argument::name()));
+                }
+            };
+            (add(std::type_identity<Arguments>{}), ...);
+            return tuple.release();
+        }();
+        return names;
+    }
+}
+
+template <class Argument>
+PyObject* argument(const Argument& value) noexcept {
+    if constexpr (is_keyword<Argument>) {
+        return value.value.get();
+    } else {
+        return View(value).get();
+    }
+}
+
+} // namespace detail
+
+/// `target(*arguments)`; keyword arguments stand last.
+template <class... Arguments>
+Object call(Target target, const Arguments&... arguments) {
+    PyObject* names = detail::keyword_names<Arguments...>(target.where);
+    // The free slot in front lets a bound method put its instance there without a copy.
+    PyObject* stack[sizeof...(Arguments) + 1] = {nullptr, detail::argument(arguments)...};
+    constexpr std::size_t positional = sizeof...(Arguments) - detail::keyword_count<Arguments...>;
+    return owned(enter([&] {
+                     return PyObject_Vectorcall(target.object.get(), stack + 1,
+                                                positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names);
+                 }),
+                 target.where);
+}
+
+/// `target.name(*arguments)`
+template <class... Arguments>
+Object method(Target target, Name name, const Arguments&... arguments) {
+    PyObject* names = detail::keyword_names<Arguments...>(target.where);
+    PyObject* stack[sizeof...(Arguments) + 1] = {target.object.get(), detail::argument(arguments)...};
+    constexpr std::size_t positional = sizeof...(Arguments) - detail::keyword_count<Arguments...> + 1;
+    return owned(enter([&] {
+                     return PyObject_VectorcallMethod(name.get(), stack, positional | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                                      names);
+                 }),
+                 target.where);
+}
+
+/// `target(**keywords)`, with the interpreter's own error for what is no mapping.
+Object call_with_keywords(Target target, View keywords);
+
+/// `dict(key=value, ...)`
+template <FixedText... Texts>
+Object dict_of(const Keyword<Texts>&... entries) {
+    const Here where = Here::current();
+    Object dict = owned(PyDict_New(), where);
+    (checked(PyDict_SetItem(dict.get(), Keyword<Texts>::name(), entries.value.get()), where), ...);
+    return dict;
+}
+
+template <class... Items>
+Object tuple_of(const Items&... items) {
+    return owned(PyTuple_Pack(sizeof...(items), View(items).get()...), Here::current());
+}
+
+template <class... Items>
+Object list_of(const Items&... items) {
+    const Here where = Here::current();
+    Object list = owned(PyList_New(0), where);
+    (checked(PyList_Append(list.get(), View(items).get()), where), ...);
+    return list;
+}
+
+} // namespace quillstone::runtime

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "quillstone/simulate_signal/runtime/object.hpp"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace quillstone::runtime {
+
+/// A text known at compile time, usable as a template argument.
+template <std::size_t Size>
+struct FixedText {
+    char text[Size]{};
+    consteval FixedText(const char (&literal)[Size]) { std::copy_n(literal, Size, text); }
+};
+
+/// The interned string of one name that occurs in the sources. All of them are made once, at load.
+class InternedName {
+  public:
+    explicit InternedName(const char* text) noexcept;
+    [[nodiscard]] PyObject* object() const noexcept { return object_; }
+
+    /// Makes every name's string object. False with the error set when memory runs out.
+    [[nodiscard]] static bool intern_all() noexcept;
+
+  private:
+    const char* text_;
+    PyObject* object_ = nullptr;
+    InternedName* next_ = nullptr;
+    static inline constinit InternedName* first_ = nullptr;
+};
+
+template <FixedText Text>
+inline InternedName interned_name{Text.text};
+
+/// A name of an attribute, key or module variable, or a constant text: `"sharpe"_name`.
+class Name {
+  public:
+    constexpr explicit Name(const InternedName* name) noexcept : name_(name) {}
+    operator View() const noexcept { return {name_->object()}; }
+    [[nodiscard]] PyObject* get() const noexcept { return name_->object(); }
+
+  private:
+    const InternedName* name_;
+};
+
+inline namespace literals {
+template <FixedText Text>
+constexpr Name operator""_name() noexcept {
+    return Name{&interned_name<Text>};
+}
+} // namespace literals
+
+} // namespace quillstone::runtime

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "quillstone/simulate_signal/runtime/call.hpp"
+
+namespace quillstone::runtime {
+
+/// The dictionary of the one module object of the process.
+class Namespace {
+  public:
+    [[nodiscard]] static View dict() noexcept { return {dict_}; }
+    /// Called at load; null when a load failed and is undone. The dictionary stays alive with the process.
+    static void bind(View dict) noexcept;
+
+  private:
+    static inline constinit PyObject* dict_ = nullptr;
+};
+
+/// The module variable of that name as it is bound now: callers and tests rebind them at run time.
+Object global(Name name, Here where = Here::current());
+void set_global(Name name, View value, Here where = Here::current());
+inline void set_global(Name name, bool value, Here where = Here::current()) {
+    set_global(name, boolean(value), where);
+}
+
+namespace detail {
+
+template <std::size_t>
+using Argument = View;
+
+template <class Indices>
+class LateBound;
+template <std::size_t... Index>
+class LateBound<std::index_sequence<Index...>> {
+  public:
+    constexpr explicit LateBound(Name name) noexcept : name_(name) {}
+    Object operator()(Argument<Index>... arguments, Here where = Here::current()) const {
+        return call(Target(global(name_, where), where), arguments...);
+    }
+
+  private:
+    Name name_;
+};
+
+} // namespace detail
+
+/// A module function as other units call it: looked up in the module's namespace at each call, so that rebinding it
+/// from Python takes effect at once.
+template <std::size_t ArgumentCount>
+using ModuleFunction = detail::LateBound<std::make_index_sequence<ArgumentCount>>;
+
+/// `logger.level(format, *arguments)`
+template <class... Arguments>
+void log(Name level, Name format, const Arguments&... arguments) {
+    method(global("logger"_name), level, format, arguments...);
+}
+template <class... Arguments>
+void log_warning(Name format, const Arguments&... arguments) {
+    log("warning"_name, format, arguments...);
+}
+template <class... Arguments>
+void log_debug(Name format, const Arguments&... arguments) {
+    log("debug"_name, format, arguments...);
+}
+
+} // namespace quillstone::runtime

@@ -1,0 +1,240 @@
+#include "quillstone/simulate_signal/runtime/protocol.hpp"
+
+#include "quillstone/simulate_signal/runtime/namespace.hpp"
+
+namespace quillstone::runtime {
+
+namespace {
+
+bool compare(View left, View right, int operation, Here where) {
+    const Object result = owned(enter([&] { return PyObject_RichCompare(left.get(), right.get(), operation); }), where);
+    return truth(result, where);
+}
+
+/// `isinstance(object, type)` for a built-in type: an object may also claim to be one through `__class__`.
+bool is_builtin(bool derived, View object, PyTypeObject& type, Here where) {
+    return derived || is_instance(object, reinterpret_cast<PyObject*>(&type), where);
+}
+
+Object from(PyTypeObject& type, View argument, Here where) {
+    return call(Target(View(reinterpret_cast<PyObject*>(&type)), where), argument);
+}
+
+} // namespace
+
+Object attr_or(View object, View name, View fallback, Here where) {
+    PyObject* value = nullptr;
+    checked(enter([&] { return PyObject_GetOptionalAttr(object.get(), name.get(), &value); }), where);
+    return value != nullptr ? Object::steal(value) : Object(fallback);
+}
+
+bool equals(View left, View right, Here where) {
+    return compare(left, right, Py_EQ, where);
+}
+bool differs(View left, View right, Here where) {
+    return compare(left, right, Py_NE, where);
+}
+bool greater(View left, View right, Here where) {
+    return compare(left, right, Py_GT, where);
+}
+
+bool is_dict(View object, Here where) {
+    return is_builtin(PyDict_Check(object.get()), object, PyDict_Type, where);
+}
+bool is_list(View object, Here where) {
+    return is_builtin(PyList_Check(object.get()), object, PyList_Type, where);
+}
+bool is_tuple(View object, Here where) {
+    return is_builtin(PyTuple_Check(object.get()), object, PyTuple_Type, where);
+}
+bool is_str(View object, Here where) {
+    return is_builtin(PyUnicode_Check(object.get()), object, PyUnicode_Type, where);
+}
+bool is_bool(View object, Here where) {
+    return is_builtin(PyBool_Check(object.get()), object, PyBool_Type, where);
+}
+bool is_int(View object, Here where) {
+    return is_builtin(PyLong_Check(object.get()), object, PyLong_Type, where);
+}
+bool is_bytes(View object, Here where) {
+    return is_builtin(PyBytes_Check(object.get()), object, PyBytes_Type, where);
+}
+bool is_mapping(View object, Here where) {
+    return is_dict(object, where) ||
+           is_instance(object, import_from("collections.abc"_name, "Mapping"_name, where), where);
+}
+
+Object to_int(View object, Here where) {
+    return from(PyLong_Type, object, where);
+}
+Object to_float(View object, Here where) {
+    return owned(enter([&] { return PyNumber_Float(object.get()); }), where);
+}
+bool has_character(View text, Py_UCS4 character, Here where) {
+    const Py_ssize_t place = PyUnicode_FindChar(text.get(), character, 0, PyUnicode_GetLength(text.get()), 1);
+    if (place == -2) {
+        raise_current(where);
+    }
+    return place >= 0;
+}
+bool ends_with(View text, View ending, Here where) {
+    const Py_ssize_t found = PyUnicode_Tailmatch(text.get(), ending.get(), 0, PY_SSIZE_T_MAX, 1);
+    return checked(static_cast<int>(found), where) != 0;
+}
+Object join(View separator, View items, Here where) {
+    const Object pieces = new_list(where);
+    for (const Object piece : each(items, where)) {
+        append(pieces, text(piece, where), where);
+    }
+    return owned(PyUnicode_Join(separator.get(), pieces.get()), where);
+}
+
+Object to_dict(View mapping, Here where) {
+    return from(PyDict_Type, mapping, where);
+}
+
+Object get(View mapping, View key, Here where) {
+    return get(mapping, key, none(), where);
+}
+
+Object get(View mapping, View key, View fallback, Here where) {
+    if (PyDict_CheckExact(mapping.get())) {
+        PyObject* value = nullptr;
+        checked(enter([&] { return PyDict_GetItemRef(mapping.get(), key.get(), &value); }), where);
+        return value != nullptr ? Object::steal(value) : Object(fallback);
+    }
+    if (fallback.is_none()) {
+        return method(Target(mapping, where), "get"_name, key);
+    }
+    return method(Target(mapping, where), "get"_name, key, fallback);
+}
+
+void set_default(View dict, View key, View value, Here where) {
+    checked(enter([&] { return PyDict_SetDefaultRef(dict.get(), key.get(), value.get(), nullptr); }), where);
+}
+
+namespace detail {
+
+void unpack_into(View iterable, std::span<Object> items, Here where) {
+    if (PyTuple_CheckExact(iterable.get()) && PyTuple_GET_SIZE(iterable.get()) == std::ssize(items)) {
+        Py_ssize_t index = 0;
+        for (Object& place : items) {
+            place = View(PyTuple_GET_ITEM(iterable.get(), index++));
+        }
+        return;
+    }
+    if (Py_TYPE(iterable.get())->tp_iter == nullptr && PySequence_Check(iterable.get()) == 0) {
+        raise_with_message(TypeError::type(),
+                           format("cannot unpack non-iterable {} object",
+                                  owned(PyUnicode_FromString(Py_TYPE(iterable.get())->tp_name), where)),
+                           where);
+    }
+    Each source = each(iterable, where);
+    std::size_t found = 0;
+    for (Object& place : items) {
+        place = source.next();
+        if (!place.exists()) {
+            raise_with_message(ValueError::type(),
+                               format("not enough values to unpack (expected {}, got {})",
+                                      number(static_cast<long>(items.size())), number(static_cast<long>(found))),
+                               where);
+        }
+        ++found;
+    }
+    if (source.next().exists()) {
+        raise_with_message(ValueError::type(),
+                           format("too many values to unpack (expected {})", number(static_cast<long>(items.size()))),
+                           where);
+    }
+}
+
+} // namespace detail
+
+Each::Each(View iterable, Here where) : source_(iterable), where_(where) {
+    if (PyList_CheckExact(iterable.get())) {
+        kind_ = Kind::list;
+    } else if (PyTuple_CheckExact(iterable.get())) {
+        kind_ = Kind::tuple;
+    } else {
+        source_ = owned(enter([&] { return PyObject_GetIter(iterable.get()); }), where);
+    }
+}
+
+Object Each::next() {
+    switch (kind_) {
+    case Kind::list:
+        // The list may have changed since the last step.
+        return index_ < PyList_GET_SIZE(source_.get()) ? Object(View(PyList_GET_ITEM(source_.get(), index_++)))
+                                                       : Object();
+    case Kind::tuple:
+        return index_ < PyTuple_GET_SIZE(source_.get()) ? Object(View(PyTuple_GET_ITEM(source_.get(), index_++)))
+                                                        : Object();
+    default: {
+        PyObject* item = enter([this] { return PyIter_Next(source_.get()); });
+        if (item == nullptr && PyErr_Occurred() != nullptr) {
+            raise_current(where_);
+        }
+        return Object::steal(item);
+    }
+    }
+}
+
+bool Items::next(Object& key, Object& value) {
+    const Object pair = items_.next();
+    if (!pair.exists()) {
+        return false;
+    }
+    auto [first, second] = unpack<2>(pair, where_);
+    key = std::move(first);
+    value = std::move(second);
+    return true;
+}
+
+Object import_module(View name, Here where) {
+    return method(Target(global("importlib"_name, where), where), "import_module"_name, name);
+}
+
+Object import_from(Name module, Name name, Here where) {
+    const Object wanted = tuple_of(name);
+    const Object found = owned(enter([&] {
+                                   return PyImport_ImportModuleLevelObject(module.get(), Namespace::dict().get(),
+                                                                           nullptr, wanted.get(), 0);
+                               }),
+                               where);
+    Object value = attr_or(found, name, View(), where);
+    if (!value.exists()) {
+        const Object file = attr_or(found, "__file__"_name, "unknown location"_name, where);
+        const Object message = format("cannot import name {} from {} ({})", repr(name), repr(module), file);
+        enter([&] {
+            PyErr_SetImportError(message.get(), module.get(), PyUnicode_Check(file.get()) ? file.get() : nullptr);
+        });
+        raise_current(where);
+    }
+    return value;
+}
+
+Object loaded_module(View name, Here where) {
+    return get(attr(global("sys"_name, where), "modules"_name, where), name, where);
+}
+
+void check_depth(std::ptrdiff_t depth, Here where) {
+    if (depth > Py_GetRecursionLimit()) {
+        raise_with_message(RecursionError::type(), format("maximum recursion depth exceeded"), where);
+    }
+}
+
+RecursionLevel::RecursionLevel(int& depth, Here where) : depth_(depth) {
+    check_depth(depth + 1, where);
+    ++depth_;
+}
+
+void breathe(Here where) {
+    // Entering a Python function is where the interpreter looks for signals and for threads that wait their turn.
+    static PyObject* const pause = [] {
+        const Object scope = new_dict();
+        return owned(PyRun_String("lambda: None", Py_eval_input, scope.get(), scope.get()), Here::current()).release();
+    }();
+    call(Target(View(pause), where));
+}
+
+} // namespace quillstone::runtime

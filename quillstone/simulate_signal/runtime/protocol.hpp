@@ -1,0 +1,292 @@
+#pragma once
+
+#include "quillstone/simulate_signal/runtime/call.hpp"
+
+#include <array>
+#include <span>
+
+namespace quillstone::runtime {
+
+// Attributes.
+
+/// `object.name`
+inline Object attr(View object, Name name, Here where = Here::current()) {
+    return owned(enter([&] { return PyObject_GetAttr(object.get(), name.get()); }), where);
+}
+/// `getattr(object, name, fallback)`; an empty fallback gives an empty object.
+Object attr_or(View object, View name, View fallback, Here where = Here::current());
+/// `object.name = value`
+inline void set_attr(View object, View name, View value, Here where = Here::current()) {
+    checked(enter([&] { return PyObject_SetAttr(object.get(), name.get(), value.get()); }), where);
+}
+inline void set_attr(View object, View name, bool value, Here where = Here::current()) {
+    set_attr(object, name, boolean(value), where);
+}
+
+// Values.
+
+/// `bool(object)`
+inline bool truth(View object, Here where = Here::current()) {
+    if (object.is(Py_True)) {
+        return true;
+    }
+    if (object.is(Py_False) || object.is_none()) {
+        return false;
+    }
+    return checked(enter([&] { return PyObject_IsTrue(object.get()); }), where) != 0;
+}
+/// `left == right`
+bool equals(View left, View right, Here where = Here::current());
+/// `left != right`
+bool differs(View left, View right, Here where = Here::current());
+/// `left > right`
+bool greater(View left, View right, Here where = Here::current());
+/// `isinstance(object, type)`
+inline bool is_instance(View object, View type, Here where = Here::current()) {
+    return checked(enter([&] { return PyObject_IsInstance(object.get(), type.get()); }), where) != 0;
+}
+bool is_dict(View object, Here where = Here::current());
+bool is_list(View object, Here where = Here::current());
+bool is_tuple(View object, Here where = Here::current());
+bool is_str(View object, Here where = Here::current());
+bool is_bool(View object, Here where = Here::current());
+bool is_int(View object, Here where = Here::current());
+bool is_bytes(View object, Here where = Here::current());
+inline bool is_callable(View object) noexcept {
+    return PyCallable_Check(object.get()) != 0;
+}
+/// A dictionary or anything else that is registered as a mapping.
+bool is_mapping(View object, Here where = Here::current());
+
+/// `str(object)`
+inline Object text(View object, Here where = Here::current()) {
+    return owned(enter([&] { return PyObject_Str(object.get()); }), where);
+}
+/// `repr(object)`
+inline Object repr(View object, Here where = Here::current()) {
+    return owned(enter([&] { return PyObject_Repr(object.get()); }), where);
+}
+/// `left + right`
+inline Object add(View left, View right, Here where = Here::current()) {
+    return owned(enter([&] { return PyNumber_Add(left.get(), right.get()); }), where);
+}
+/// `left - right` and `left / right`
+inline Object subtract(View left, View right, Here where = Here::current()) {
+    return owned(enter([&] { return PyNumber_Subtract(left.get(), right.get()); }), where);
+}
+inline Object divide(View left, View right, Here where = Here::current()) {
+    return owned(enter([&] { return PyNumber_TrueDivide(left.get(), right.get()); }), where);
+}
+inline View type_of(View object) noexcept {
+    return {reinterpret_cast<PyObject*>(Py_TYPE(object.get()))};
+}
+/// A new `str` of a text in the sources that is too long for a name.
+inline Object new_text(const char* source_text, Here where = Here::current()) {
+    return owned(PyUnicode_FromString(source_text), where);
+}
+inline Object number(double value, Here where = Here::current()) {
+    return owned(PyFloat_FromDouble(value), where);
+}
+inline Object number(long value, Here where = Here::current()) {
+    return owned(PyLong_FromLong(value), where);
+}
+/// `int(object)` and `float(object)`
+Object to_int(View object, Here where = Here::current());
+Object to_float(View object, Here where = Here::current());
+inline double as_double(View object, Here where = Here::current()) {
+    const double value = enter([&] { return PyFloat_AsDouble(object.get()); });
+    if (value == -1.0 && PyErr_Occurred() != nullptr) {
+        raise_current(where);
+    }
+    return value;
+}
+/// Whether a character occurs in a `str`.
+bool has_character(View text, Py_UCS4 character, Here where = Here::current());
+/// Which of two `str` stands first, by code points: negative, zero or positive.
+inline int compare_texts(View left, View right) noexcept {
+    return PyUnicode_Compare(left.get(), right.get());
+}
+bool ends_with(View text, View ending, Here where = Here::current());
+/// `separator.join(str(item) for item in items)`
+Object join(View separator, View items, Here where = Here::current());
+
+// Containers.
+
+inline Object new_dict(Here where = Here::current()) {
+    return owned(PyDict_New(), where);
+}
+inline Object new_list(Here where = Here::current()) {
+    return owned(PyList_New(0), where);
+}
+/// `dict(mapping)`, `list(iterable)`, `set(iterable)`
+Object to_dict(View mapping, Here where = Here::current());
+inline Object to_list(View iterable, Here where = Here::current()) {
+    return owned(enter([&] { return PySequence_List(iterable.get()); }), where);
+}
+inline Object to_set(View iterable, Here where = Here::current()) {
+    return owned(enter([&] { return PySet_New(iterable.get()); }), where);
+}
+inline void add_to_set(View set, View item, Here where = Here::current()) {
+    checked(enter([&] { return PySet_Add(set.get(), item.get()); }), where);
+}
+inline void append(View list, View item, Here where = Here::current()) {
+    checked(PyList_Append(list.get(), item.get()), where);
+}
+/// `key in container`
+inline bool contains(View container, View key, Here where = Here::current()) {
+    return checked(enter([&] { return PySequence_Contains(container.get(), key.get()); }), where) != 0;
+}
+/// `container[key]`
+inline Object item(View container, View key, Here where = Here::current()) {
+    return owned(enter([&] { return PyObject_GetItem(container.get(), key.get()); }), where);
+}
+/// `container[index]`
+inline Object item_at(View container, Py_ssize_t index, Here where = Here::current()) {
+    return owned(enter([&] { return PySequence_GetItem(container.get(), index); }), where);
+}
+/// `container[key] = value`
+inline void set_item(View container, View key, View value, Here where = Here::current()) {
+    checked(enter([&] { return PyObject_SetItem(container.get(), key.get(), value.get()); }), where);
+}
+inline Py_ssize_t length(View container, Here where = Here::current()) {
+    const Py_ssize_t size = enter([&] { return PyObject_Size(container.get()); });
+    if (size < 0) {
+        raise_current(where);
+    }
+    return size;
+}
+/// `mapping.get(key)`; any object with a `get` will do.
+Object get(View mapping, View key, Here where = Here::current());
+/// `mapping.get(key, fallback)`
+Object get(View mapping, View key, View fallback, Here where = Here::current());
+/// `dict.setdefault(key, value)`, for a dictionary of our own
+void set_default(View dict, View key, View value, Here where = Here::current());
+
+namespace detail {
+void unpack_into(View iterable, std::span<Object> items, Here where);
+} // namespace detail
+
+/// `a, b = iterable`
+template <std::size_t Count>
+std::array<Object, Count> unpack(View iterable, Here where = Here::current()) {
+    std::array<Object, Count> items;
+    detail::unpack_into(iterable, items, where);
+    return items;
+}
+
+/// One pass over any iterable: `for (Object item : each(iterable))`. Exact lists and tuples are read by index, which
+/// is what their own iterators do.
+class Each {
+  public:
+    Each(View iterable, Here where);
+
+    struct End {};
+    class Cursor {
+      public:
+        explicit Cursor(Each& owner) : owner_(owner), current_(owner.next()) {}
+        Object operator*() { return std::move(current_); }
+        Cursor& operator++() {
+            current_ = owner_.next();
+            return *this;
+        }
+        bool operator!=(End) const noexcept { return current_.exists(); }
+
+      private:
+        Each& owner_;
+        Object current_;
+    };
+    Cursor begin() { return Cursor(*this); }
+    static End end() { return {}; }
+
+    /// The next item; empty at the end.
+    Object next();
+
+  private:
+    Object source_;
+    Py_ssize_t index_ = 0;
+    enum class Kind { list, tuple, iterator };
+    Kind kind_ = Kind::iterator;
+    Here where_;
+};
+inline Each each(View iterable, Here where = Here::current()) {
+    return {iterable, where};
+}
+
+/// `for key, value in mapping.items()`
+class Items {
+  public:
+    Items(View mapping, Here where) : items_(method(Target(mapping, where), "items"_name), where), where_(where) {}
+
+    /// Reads the next pair; false at the end.
+    bool next(Object& key, Object& value);
+
+  private:
+    Each items_;
+    Here where_;
+};
+inline Items items(View mapping, Here where = Here::current()) {
+    return {mapping, where};
+}
+
+// Modules and scopes.
+
+/// `import name`, for a module of the standard library
+inline Object import_top_level(Name name, Here where = Here::current()) {
+    return owned(enter([&] { return PyImport_Import(name.get()); }), where);
+}
+/// `importlib.import_module(name)`, through the module's `importlib`
+Object import_module(View name, Here where = Here::current());
+/// `from module import name`
+Object import_from(Name module, Name name, Here where = Here::current());
+/// `sys.modules.get(name)`, through the module's `sys`
+Object loaded_module(View name, Here where = Here::current());
+
+/// To be called every few thousand steps of a long native loop: handles signals and lets waiting threads run.
+void breathe(Here where = Here::current());
+
+/// A running count of the steps of a native loop that may be long.
+class Steps {
+  public:
+    void step(Here where = Here::current()) {
+        if ((++count_ & 0xFFFU) == 0) [[unlikely]] {
+            breathe(where);
+        }
+    }
+
+  private:
+    unsigned count_ = 0;
+};
+
+/// One level of a recursive rule. Deeper than Python's own functions could call each other is a `RecursionError`.
+class RecursionLevel {
+  public:
+    explicit RecursionLevel(int& depth, Here where = Here::current());
+    RecursionLevel(const RecursionLevel&) = delete;
+    RecursionLevel& operator=(const RecursionLevel&) = delete;
+    RecursionLevel(RecursionLevel&&) = delete;
+    RecursionLevel& operator=(RecursionLevel&&) = delete;
+    ~RecursionLevel() { --depth_; }
+
+  private:
+    int& depth_;
+};
+/// Raises `RecursionError` when that many levels are too deep.
+void check_depth(std::ptrdiff_t depth, Here where = Here::current());
+
+/// `with lock:`
+template <class Body>
+void with(View lock, Body&& body, Here where = Here::current()) {
+    const Object exit = attr(lock, "__exit__"_name, where);
+    method(Target(lock, where), "__enter__"_name);
+    const auto leave = [&] { call(Target(exit, where), none(), none(), none()); };
+    try {
+        body();
+    } catch (Raised& raised) {
+        const Handling handling(raised.error);
+        leave();
+        throw;
+    }
+    leave();
+}
+
+} // namespace quillstone::runtime
