@@ -26,18 +26,17 @@ def draw(outcomes: Sequence[Outcome], path: Path, *, title: str) -> Path | None:
     Returns:
         `path`, or None when there was nothing to draw.
     """
-    useful = [outcome for outcome in outcomes if outcome.is_useful]
+    useful = [(o.name, o.result) for o in outcomes if o.result is not None and o.is_useful]
     if not useful:
         return None
     figure = Figure(figsize=(11, 6), layout="constrained")
     axes = figure.subplots()
-    for outcome in useful:
-        result = outcome.result
+    for name, result in useful:
         is_strategy = result.pool_kind == "strategy"
         axes.plot(
             result.factor_pnl.dates,
             100.0 * np.cumsum(result.factor_pnl["pnl_net"]),
-            label=f"{outcome.name} (Sharpe {result.per_column_stats['pnl_net_sharpe']:.2f})",
+            label=f"{name} (Sharpe {result.per_column_stats['pnl_net_sharpe']:.2f})",
             color="black" if is_strategy else None,
             linewidth=2.2 if is_strategy else 1.1,
         )

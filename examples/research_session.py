@@ -93,13 +93,13 @@ def simulate(
     for idea, graph, handle in running:
         outcome = Outcome(idea.name)
         try:
-            outcome.result = handle.result()
+            result = handle.result()
         except Exception as error:  # one failed simulation does not end the session
             outcome.error = f"{type(error).__name__}: {error}"
         else:
-            outcome.judge(runtime)
+            outcome.judge(result, runtime)
             if outcome.is_useful:
-                runtime.accept(graph, outcome.result)
+                runtime.accept(graph, result)
         outcomes.append(outcome)
     view.verdicts(outcomes)
     return outcomes

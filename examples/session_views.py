@@ -5,7 +5,7 @@ from __future__ import annotations
 import contextlib
 from collections.abc import Callable, Iterator, Sequence
 from dataclasses import dataclass, field
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING
 
 from rich.box import SIMPLE_HEAD
 from rich.console import Console
@@ -18,7 +18,7 @@ from quillstone.simulator_engine.structure import structural_faults
 
 if TYPE_CHECKING:
     from quillstone.agent_onboarding import LocalRuntime
-    from quillstone.simulate_signal import SimulationResult, SimulationStatus
+    from quillstone.simulate_signal import SimulationOptions, SimulationResult, SimulationStatus
 
 FINAL_PHASES = ("complete", "cancelled", "error")
 GATES = ("structure", "thresholds", "correlation", "improvement")
@@ -63,9 +63,9 @@ class Outcome:
         failed = [f"{gate}: {why}" for gate, why in self.gates.items() if why]
         return self.error or "; ".join(failed)
 
-    def judge(self, runtime: LocalRuntime) -> None:
+    def judge(self, result: SimulationResult, runtime: LocalRuntime) -> None:
         """Find each gate's verdict with its figures; the result itself names the gate alone."""
-        result, era = self.result, runtime.era_config
+        self.result, era = result, runtime.era_config
         kind, own_id = (
             ("strategy", result.strategy_pool_id)
             if result.pool_kind == "strategy"
@@ -155,7 +155,7 @@ class SessionView:
 
             yield show
 
-    def options(self, options: dict[str, Any]) -> None:
+    def options(self, options: SimulationOptions) -> None:
         """List the era's universes and engines."""
         for universe in options["universe_options"]:
             self.note(f"universe {universe['named_universe']} (rule {universe['rule_id']})")

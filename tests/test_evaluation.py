@@ -7,26 +7,16 @@ import numpy as np
 import pytest
 
 import quillstone.simulate_signal as qs
-from collaborators import Scripted, ended, node, vocabulary
+from collaborators import Scripted, node, vocabulary
 from quillstone import _runtime
-from quillstone.errors import SdkRuntimeNotReadyError
 from quillstone.functions._typed_shapes import StageData
 
-VALIDATOR = (
-    "GraphValidator runtime is required for simulation. Initialize the synced graph validation "
-    "runtime before calling simulate_signal()."
-)
 RUN_INPUTS = {
     "search_plan": "plan",
     "feature_dir": "features",
     "signal_dir": "signals",
     "manifest": {"era_id": 7},
 }
-
-
-def error_of(kit, *args, **kwargs):
-    error = kit.failure(*args, **kwargs)
-    return type(error), str(error)
 
 
 @pytest.mark.parametrize(
@@ -54,128 +44,6 @@ def test_validator_is_built_once_over_the_registry(kit, monkeypatch, pieces, raw
     assert len(built) == 1
 
 
-@pytest.mark.parametrize("fault", ["registry", "import", "not ready", "interrupt"])
-def test_validator_bootstrap_failures(kit, logged, fault):
-    kit.pieces["graph_validator"] = None
-    raised = {
-        "registry": TypeError("GraphValidator requires a FunctionStore registry in runtime "
-                              "simulation"),
-        "import": ImportError("no engine"),
-        "not ready": SdkRuntimeNotReadyError("names"),
-        "interrupt": KeyboardInterrupt(),
-    }[fault]  # fmt: skip
-    if fault == "registry":
-        kit.pieces.update(load_vocabulary=None, vocabulary=object())
-    else:
-
-        def refuse():
-            raise raised
-
-        qs._import_graph_validator_runtime = refuse
-    error = kit.failure()
-    if fault in ("not ready", "interrupt"):
-        assert error is raised
-        assert logged() == []
-        return
-    assert (type(error), str(error)) == (RuntimeError, VALIDATOR)
-    cause = error.__context__
-    assert (type(cause), str(cause)) == (type(raised), str(raised))
-    assert logged() == [("WARNING", "Failed to bootstrap _graph_validator: %s", (cause,))]
-    assert qs._graph_validator is None
-
-
-def change(era=None, pool=None, drop=(), **pieces):
-    def apply(kit):
-        kit.era.update(era or {})
-        kit.signal_pool.update(pool or {})
-        for key in drop:
-            kit.era.pop(key)
-        kit.pieces.update(pieces)
-
-    return apply
-
-
-UNKNOWN_UNIVERSE = (
-    "Unknown named_universe 'top'. Available named_universe values: {}. "
-    "Allowed named_universe values: {}"
-)
-
-
-@pytest.mark.parametrize(
-    ("apply", "kind", "text", "last"),
-    [
-        (change(drop=["transform_pipeline"]), SdkRuntimeNotReadyError,
-         "missing required era config field: transform_pipeline", "init_reconstruction"),
-        (change({"universe_rules": {"b": {"rule_id": 1}, "a": {}}}), ValueError,
-         UNKNOWN_UNIVERSE.format(["a", "b"], []), "init_reconstruction"),
-        (change({"allowed_named_universes": ("x", "y")}, drop=["universe_rules"]), ValueError,
-         UNKNOWN_UNIVERSE.format([], ["x", "y"]), "init_reconstruction"),
-        (change({"universe_rules": {"top": {"rule_id": 0}}}), ValueError,
-         UNKNOWN_UNIVERSE.format(["top"], []), "init_reconstruction"),
-        (change({"universes": None}), SdkRuntimeNotReadyError, str(SdkRuntimeNotReadyError()),
-         "init_reconstruction"),
-        (change(pool={"allowed_named_universes": ["low", "mid"]}), ValueError,
-         "named_universe 'top' is not in selected pool allowed_named_universes=['low', 'mid']",
-         "validate"),
-        (change({"signal_pools": []}), ValueError,
-         "era_config must contain a 'signal_pools' key with at least one pool definition.",
-         "validate"),
-        (change(pool={"pool_id": "q", "name": ""}), ValueError,
-         "Unknown signal_pool_id 'p1'. Available signal_pools ids: ['q']. "
-         "Valid signal_pool_id values include: q", "validate"),
-    ],
-)  # fmt: skip
-def test_failures_before_the_evaluation(kit, apply, kind, text, last):
-    apply(kit)
-    assert error_of(kit) == (kind, text)
-    names = [n for n in kit.script.names() if n not in ("set_phase", "release", "get_manifest")]
-    assert names[-1] == last
-
-
-def test_first_failing_rule_is_reported(kit):
-    kit.pieces.update(graph_validator=None, load_vocabulary=None, vocabulary=object())
-    kit.era.pop("transform_pipeline")
-    assert error_of(kit) == (RuntimeError, VALIDATOR)
-    kit.pieces.update(graph_validator=Scripted(kit.script, {"validate": None}))
-    kit.era.pop("universe_rules")
-    assert error_of(kit)[1] == "missing required era config field: transform_pipeline"
-    kit.era["transform_pipeline"] = []
-    kit.script.on("validate", ValueError("bad graph"))
-    assert error_of(kit)[1].startswith("Unknown named_universe 'top'")
-    kit.era["universe_rules"] = {"top": {"rule_id": "3"}}
-    kit.era["signal_pools"] = []
-    assert error_of(kit) == (ValueError, "bad graph")
-    assert kit.script.arguments("validate")[0][1] == "SIGNAL"
-
-
-NO_SIGNALS = (
-    "No useful signals match the filtration criteria. "
-    "Cannot execute strategy graph without useful signals."
-)
-
-
-@pytest.mark.parametrize(
-    ("pieces", "pool", "text"),
-    [
-        ({"useful_signals": []}, {"pool_id": "gone"}, NO_SIGNALS),
-        ({"useful_signals": None}, {}, NO_SIGNALS),
-        ({"useful_signal_pool": {}}, {}, NO_SIGNALS),
-        ({"useful_signal_pool": None}, {}, NO_SIGNALS),
-        ({}, {"signal_pool_name": ""},
-         "Strategy pool 's1' must declare a linked signal pool via signal_pool_name."),
-        ({}, {"signal_pool_name": "p9"}, "Strategy pool 's1' is linked to signal pool 'p9', but "
-         "useful signal 'u1' belongs to signal pool 'p1'. Strategies may only reference useful "
-         "signals from the same pool."),
-    ],
-)  # fmt: skip
-def test_strategy_needs_useful_signals_of_its_pool(kit, pieces, pool, text):
-    kit.pieces.update(pieces)
-    kit.strategy_pool.update(pool)
-    assert error_of(kit, "strategy") == (ValueError, text)
-    assert "evaluate_expression" not in kit.script.names()
-    assert not {"useful_signals", "useful_signal_pool"} & set(pieces) or kit.run().passed
-
-
 def test_metaparameters_are_resolved_for_the_selected_pool(kit):
     seen = []
 
@@ -199,29 +67,12 @@ def test_metaparameters_are_resolved_for_the_selected_pool(kit):
     assert seen[:2] == [("resolve", ("asked", stages)), ("per pool", ("resolved", ["p1"]))]
 
 
-def test_evaluation_without_orchestrator(kit):
-    graph = node("rotation", node())
-    kit.run(graph=graph)
-    args, keywords = kit.script.arguments("evaluate_expression")
-    assert args[0] is graph
-    assert keywords == {"metaparameters": {}, "named_universe": "top"}
-    assert "compute_search_plan" not in kit.script.names()
-    del kit.backtester.evaluate_expression
-    assert error_of(kit) == (
-        RuntimeError,
-        "RuntimeEvaluationAdapter is required for simulation. Call register()/login() so the "
-        "synced evaluation runtime is initialized.",
-    )
-
-
 @pytest.mark.parametrize("orchestrator", ["instance", "class"])
 @pytest.mark.parametrize("kind", ["signal", "strategy"])
 def test_orchestrator_keywords(make_kit, orchestrator, kind):
     kit = make_kit("backtest", orchestrator)
-    kit.pieces["useful_signals"] = ["u1", 5, "u3"]
-    kit.pieces["useful_signal_metadata"] = {
-        "u1": {"id": "u1", "universe_rule_id": 3}, "5": {"universe_rule_id": 4}, "u3": {"id": "u3"},
-    }  # fmt: skip
+    metadata = {"u1": {"universe_rule_id": 3}, "5": {"universe_rule_id": 4}, "u3": {"id": "u3"}}
+    kit.pieces.update(useful_signals=["u1", 5, "u3"], useful_signal_metadata=metadata)
     graph = node("filtration" if kind == "strategy" else "rotation", node())
     kit.run(kind, graph)
     expression = kind.upper()
@@ -269,9 +120,7 @@ def test_orchestrator_inputs_when_pieces_are_missing(make_kit):
     kit.run()
     assert kit.script.arguments("evaluate")[1]["universe"] is None
     kit.era.pop("column_labels")
-    assert error_of(kit) == (
-        SdkRuntimeNotReadyError, "missing required runtime data-shape field: column_labels"
-    )  # fmt: skip
+    assert str(kit.failure()) == "missing required runtime data-shape field: column_labels"
 
 
 @pytest.mark.parametrize("fault", [None, LookupError("lost"), KeyboardInterrupt("stop")])
@@ -305,13 +154,6 @@ def test_adapter_is_installed_for_the_evaluation_only(make_kit, fault, place):
     assert (kit.backtester.evaluator, kit.backtester.search_plan_factory) == own
 
 
-def test_backtester_without_adapter_attributes(make_kit):
-    kit = make_kit("run_backtest", "instance")
-    del kit.backtester.evaluator, kit.backtester.search_plan_factory
-    assert kit.run().passed
-    assert not hasattr(kit.backtester, "evaluator")
-
-
 def test_adapter_merges_keywords():
     extra = {"x": 2, "y": 3}
     delegate = SimpleNamespace(evaluate=lambda **kwargs: kwargs)
@@ -327,34 +169,28 @@ def test_adapter_merges_keywords():
         adapter.evaluate(1)
 
 
-@pytest.mark.parametrize(
-    ("per_pool", "expected"),
-    [({"alpha": "of pool"}, "of pool"), ({}, None), (None, "plain"), ("text", "plain")],
-)
-def test_weights_of_the_selected_pool(kit, per_pool, expected):
-    kit.evaluated.per_pool_weights, kit.evaluated.weights = per_pool, "plain"
-    kit.run()
-    assert kit.script.arguments("backtest")[1]["weights"] == expected
-
-
-def test_rescaled_weights_are_finalized_and_installed(kit):
-    weights = np.array([[1.0, -3.0], [0.0, np.nan]])
-    kit.evaluated.weights = weights
+def test_weights_of_the_selected_pool_finalized_when_rescaled(kit):
+    kit.evaluated.weights = weights = np.array([[1.0, -3.0], [0.0, np.nan]])
     installed = []
     install = qs._install_finalized_weights
     qs._install_finalized_weights = lambda *args: installed.append(args) or install(*args)
-    kit.run()
-    assert kit.script.arguments("backtest")[1]["weights"] is weights
+    for per_pool, expected in (
+        ({"alpha": "own"}, "own"),
+        ({}, None),
+        (None, weights),
+        (5, weights),
+    ):
+        kit.evaluated.per_pool_weights = per_pool
+        kit.run()
+        assert kit.script.arguments("backtest")[1]["weights"] is expected
     assert installed == []
     kit.era["transform_pipeline"] = [{"name": "scale", "default": "none"}]
-    kit.run(metaparameters={"scale": "rescale"}, graph=(graph := node()))
+    chosen = {"scale": "rescale"}
+    kit.run(metaparameters=chosen, graph=(graph := node()))
     final = kit.script.arguments("backtest")[1]["weights"]
     assert final.tolist() == [[0.25, -0.75], [0.0, 0.0]]
-    assert kit.backtester._last_weights is final
-    [(backtester, used, metaparameters, universe, last)] = installed
-    assert (backtester, metaparameters, universe) == (kit.backtester, {"scale": "rescale"}, "top")
-    assert used is graph
-    assert last is final
+    assert [args[:-1] for args in installed] == [(kit.backtester, graph, chosen, "top")]
+    assert kit.backtester._last_weights is installed[0][-1] is final
 
 
 def test_elapsed_time_covers_evaluation_and_installation_only(kit):
@@ -422,18 +258,3 @@ def test_freshness_guard_is_called_by_falling_arity(kit, step):
     assert calls == [((), {"named_universe": "top"}), (("top",), {}), ((), {})]
     setattr(guard, f"ensure_fresh_before_{step}", lambda: [][0])
     assert type(kit.failure()) is IndexError
-
-
-def test_module_state_read_by_a_run_is_read_late(kit):
-    blocked = kit.script.block("load_vocabulary")
-    handle = kit.start()
-    blocked.wait_until_entered()
-    other = Scripted(kit.script, {"validate": None})
-    kit.script.on("validate", ValueError("the new validator"))
-    qs._graph_validator = other
-    qs._set_phase = None
-    before = kit.script.names().count("set_phase")
-    blocked.leave.set()
-    assert str(ended(handle)._error) == "the new validator"
-    assert kit.script.names().count("set_phase") == before
-    handle.cancel()

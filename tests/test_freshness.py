@@ -93,6 +93,11 @@ def test_reload_from_disk(monkeypatch):
     qs._backtester = SimpleNamespace()
     qs._reload_runtime_vocabulary_after_freshness()
     assert vars(qs._backtester) == {}
+    qs._vocabulary_raw, qs._sync_manager = "old", None
+    for loader, config in ((None, {}), (dict, None)):
+        qs._load_vocabulary, qs._era_config = loader, config
+        qs._reload_runtime_vocabulary_after_freshness()
+        assert qs._vocabulary_raw == "old"
 
 
 def test_failed_disk_reload_falls_back_to_the_loader(monkeypatch, caplog):
@@ -148,12 +153,3 @@ def test_loader_is_called_by_falling_arity(manager):
     with pytest.raises(ZeroDivisionError):
         qs._reload_runtime_vocabulary_after_freshness("top")
     assert qs._vocabulary_raw == forms[2]
-
-
-@pytest.mark.parametrize("missing", ["_load_vocabulary", "_era_config"])
-def test_nothing_to_reload_from(missing):
-    qs._load_vocabulary, qs._era_config = (lambda **kwargs: "new"), {}
-    setattr(qs, missing, None)
-    qs._vocabulary_raw = "old"
-    qs._reload_runtime_vocabulary_after_freshness()
-    assert qs._vocabulary_raw == "old"

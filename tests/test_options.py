@@ -19,46 +19,37 @@ def era(rules, allowed=None, pools=()):
     )
 
 
-def names(config):
-    return [option["id"] for option in qs._universe_options(config)]
-
-
 def test_universes_are_listed_in_text_order():
-    rules = {"b": {"rule_id": 2}, "a": {"rule_id": " 1 "}, "10": {"rule_id": 3}, 9: {"rule_id": 4}}
+    rules = {
+        "b": {"rule_id": 2}, "a": {"pool_id": "6", "market_id": 5, "rule_id": " 1 "},
+        "10": {"rule_id": 3, "market_id": True, "pool_id": 0}, 9: {"pool_id": 7, "rule_id": 4},
+        "no": {"rule_id": True}, "never": 5, "nor": {},
+    }  # fmt: skip
     options = qs._universe_options(era(rules))
-    assert options == [
-        {"id": key, "named_universe": key, "rule_id": rule_id}
-        for key, rule_id in (("10", 3), ("9", 4), ("a", 1), ("b", 2))
-    ]
-    assert list(options[0]) == ["id", "named_universe", "rule_id"]
+    assert [list(option.values()) for option in options] == [
+        ["10", "10", 3], ["9", "9", 4, 7], ["a", "a", 1, 5, 6], ["b", "b", 2],
+    ]  # fmt: skip
+    keys = ["id", "named_universe", "rule_id", "market_id", "pool_id"]
+    assert [list(option) for option in options] == [
+        keys[:3], [*keys[:3], "pool_id"], keys, keys[:3],
+    ]  # fmt: skip
+    for unusable in (None, {}, [], [1], "x"):
+        assert qs._universe_options(era(unusable)) == []
 
 
 @pytest.mark.parametrize(
-    ("market", "pool", "keys"),
-    [(None, None, []), (5, None, ["market_id"]), (True, "6", ["pool_id"]),
-     ("5", 6, ["market_id", "pool_id"]), (0, -1, [])],
-)  # fmt: skip
-def test_optional_ids(market, pool, keys):
-    rule = {"pool_id": pool, "market_id": market, "rule_id": 1}
-    [option] = qs._universe_options(era({"u": rule}))
-    assert list(option)[3:] == keys
-    assert [option[key] for key in keys] == [{"market_id": 5, "pool_id": 6}[key] for key in keys]
-
-
-def test_which_universes_are_admitted():
-    rules = {name: {"rule_id": 1} for name in "abc"} | {5: {"rule_id": 1}}
-    assert names(era(rules)) == ["5", "a", "b", "c"]
-    assert names(era(rules, ["b", "x"], [["a"]])) == ["b"]
-    assert names(era(rules, None, [["a", "", None], None, [5]])) == ["5", "a"]
-    assert names(era(rules, [5])) == []
-    assert names(SimpleNamespace(universe_rules=rules)) == ["5", "a", "b", "c"]
-
-
-def test_unusable_rules_are_left_out():
-    for rules in (None, {}, [], [1], "x"):
-        assert qs._universe_options(era(rules)) == []
-    rules = {"a": 5, "b": {}, "c": {"rule_id": True}, "d": {"rule_id": 1}}
-    assert names(era(rules)) == ["d"]
+    ("allowed", "pools", "expected"),
+    [
+        (None, [], ["5", "a", "b", "c"]),
+        (["b", "x"], [["a"]], ["b"]),
+        (None, [["a", "", None], None, [5]], ["5", "a"]),
+        ([5], [], []),
+    ],
+)
+def test_which_universes_are_admitted(allowed, pools, expected):
+    rules = {name: {"rule_id": 1} for name in ("a", "b", "c", 5)}
+    options = qs._universe_options(era(rules, allowed, pools))
+    assert [option["id"] for option in options] == expected
 
 
 class Known(dict):
@@ -68,8 +59,7 @@ class Known(dict):
 def test_engine_catalog_is_copied_plainly():
     leaf = object()
     payload = {1: (leaf, [2, (3,)]), None: Known(x={True: "y"}), "s": "text", (4,): {5}}
-    source = {"engine_definitions": payload}
-    got = qs._engine_definitions_from_agent_payload(source, None)
+    got = qs._engine_definitions_from_agent_payload({"engine_definitions": payload}, None)
     assert got == {"1": [leaf, [2, [3]]], "None": {"x": {"True": "y"}}, "s": "text", "(4,)": {5}}
     assert list(got) == ["1", "None", "s", "(4,)"]
     assert got["1"][0] is leaf
@@ -77,7 +67,6 @@ def test_engine_catalog_is_copied_plainly():
     assert type(got["None"]) is dict
     typed = SimpleNamespace(engine_definitions=payload)
     assert qs._engine_definitions_from_agent_payload(typed, {}) == got
-    assert qs._plain_engine_definition_payload(leaf) is leaf
 
 
 @pytest.mark.parametrize(
@@ -107,14 +96,13 @@ def test_shared_deep_and_cyclic_payloads():
     assert copy == []
     ring = {}
     ring["again"] = [ring]
-    with suppress(RecursionError):
-        assert list(qs._plain_engine_definition_payload(ring)) == ["again"]
     deep = bottom = []
     for _ in range(100_000):
         bottom.append([])
         bottom = bottom[0]
-    with suppress(RecursionError):
-        qs._plain_engine_definition_payload(deep)
+    for payload in (ring, deep):
+        with suppress(RecursionError):
+            assert len(qs._plain_engine_definition_payload(payload)) == 1
 
 
 def test_options_of_an_era(monkeypatch):
@@ -128,10 +116,6 @@ def test_options_of_an_era(monkeypatch):
         ("engine_definitions", {"e": []}),
     ]
     assert seen[0] is source
-    typed.universe_rules = {"u": {"rule_id": 1}, "v": Known()}
     qs._universe_options = lambda config: 1 / 0
     with pytest.raises(ZeroDivisionError):
         qs.effective_simulation_options({})
-    monkeypatch.setattr(_runtime, "sdk_era_config_from_dict", lambda config: [][0])
-    with pytest.raises(IndexError):
-        qs.effective_simulation_options(source)

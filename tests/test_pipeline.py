@@ -2,13 +2,11 @@
 
 import gc
 import sys
-from types import SimpleNamespace
 
 import pytest
 
 import quillstone.simulate_signal as qs
 from collaborators import SEED, ended, node, set_children
-from quillstone.sync import EraError
 
 START = [
     "get_wallet_secret", "set_phase", "acquire", "set_phase", "request_for_sync", "get_manifest",
@@ -27,12 +25,6 @@ SHAPES = [
     for kind in ("signal", "strategy")
 ]
 EVENTS = ("_acquire_done", "_post_acquire_gate", "_done_event")
-KIND_RULE = {
-    "signal": "simulate_signal only accepts signal graphs (rotation/feature nodes only). "
-    "Strategy simulation is deferred in the v1 public SDK.",
-    "strategy": "Strategy graph must contain at least one filtration node. "
-    "Use simulate_signal() for signal graphs.",
-}
 
 
 def watched(log):
@@ -85,50 +77,6 @@ def test_status_updates_of_a_whole_run(kit):
         ("computing_mi", 0.0, "Computing marginal improvement score..."),
         ("complete", 1.0, "Simulation complete. Results available."),
     ]
-
-
-@pytest.mark.parametrize(("kind", "other"), [("signal", "filtration"), ("strategy", "rotation")])
-def test_graph_kind_is_checked_before_everything_else(kit, kind, other):
-    kit.pieces["auth"] = None
-    error = kit.failure(kind, node("rotation", node(other, node())))
-    assert (type(error), str(error)) == (ValueError, KIND_RULE[kind])
-    assert set(kit.script.names()) == {"set_phase"}
-
-
-@pytest.mark.parametrize("missing", ["auth", "sync_manager"])
-def test_missing_dependencies(kit, missing):
-    kit.pieces[missing] = None
-    handle = ended(kit.start())
-    text = "Pipeline dependencies not initialized. Call register() or login() first."
-    assert (type(handle._error), str(handle._error)) == (RuntimeError, text)
-    assert (handle.status().phase, handle.status().message) == ("error", f"Error: {text}")
-    assert kit.script.names() == ["set_phase"]
-
-
-@pytest.mark.parametrize("config", [None, {"name": "no id"}])
-def test_era_config_must_be_there(kit, config):
-    kit.pieces["era_config"] = config
-    handle = ended(kit.start())
-    assert handle._config_era_id == 0
-    if config is None:
-        assert str(handle._error) == (
-            "era_config is required for simulation. Call init_simulate_signal(..., "
-            "era_config=...) with the synced era config."
-        )
-    else:
-        assert str(handle._error) == "era_config missing required field: era_id"
-
-
-def test_era_change_discards_the_run(kit):
-    kit.script.on("get_current_era_id", lambda: "8")
-    handle = ended(kit.start())
-    assert type(handle._error) is EraError
-    assert str(handle._error) == (
-        "Era changed during simulation. Started with era_id=7, current era_id=8. "
-        "Results are invalid. Retry with the new era."
-    )
-    assert (handle._pending_recording, handle._result) == (None, None)
-    assert "gate:is_pnl_mi" in kit.script.names()
 
 
 def test_nothing_is_recorded_unless_asked(kit):
@@ -297,8 +245,3 @@ def test_cyclic_graph_ends_or_is_refused(kit, kind):
     set_children(ring, [])
     if not isinstance(handle._error, RecursionError):
         assert type(handle._error) is {"signal": type(None), "strategy": ValueError}[kind]
-
-
-def test_era_ids_are_compared_by_equality(kit):
-    kit.pieces["era_thread"] = SimpleNamespace(get_current_era_id=lambda: 7.0)
-    assert kit.run().passed

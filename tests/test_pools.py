@@ -12,10 +12,18 @@ NEEDED = (
     "named_universe is required; call quillstone.configure(named_universe=...) or select a pool "
     "with allowed_named_universes."
 )
+FOREIGN = (
+    "Strategy pool 's' is linked to signal pool 'p1', but useful signal '{}' belongs to signal "
+    "pool '{}'. Strategies may only reference useful signals from the same pool."
+)
 
 
 def unsafe(value):
     return f"named_universe must be a single safe path segment, got {value!r}"
+
+
+def signal_pool(name, *allowed, **more):
+    return {"pool_id": name, "allowed_named_universes": list(allowed), **more}
 
 
 @pytest.fixture(autouse=True)
@@ -23,36 +31,41 @@ def no_configured_universe(monkeypatch):
     monkeypatch.setattr(agent_onboarding, "_config", {})
 
 
-def test_field_name_and_id_check():
-    assert qs._selected_pool_field_name("STRATEGY") == "strategy_pool_id"
-    for other in ("SIGNAL", "strategy", None, 3):
-        assert qs._selected_pool_field_name(other) == "signal_pool_id"
-    for good in ("p", " ", "/"):
-        assert qs._validate_selected_pool_id(good, "f") is good
-    for bad in ("", None, 5, b"p", ["p"]):
-        with raises_exactly(ValueError, "5 must be a non-empty string"):
-            qs._validate_selected_pool_id(bad, 5)
+@pytest.mark.parametrize("bad", ["", None, 5, b"p", ["p"]])
+def test_pool_id_must_be_a_non_empty_string(bad):
+    assert qs._validate_selected_pool_id(" ", "f") == " "
+    for kind, field in (("STRATEGY", "strategy_pool_id"), ("strategy", "signal_pool_id")):
+        with raises_exactly(ValueError, f"{field} must be a non-empty string"):
+            qs._validate_selected_pool_id(bad, qs._selected_pool_field_name(kind))
 
 
 @pytest.mark.parametrize(
     ("value", "expected"),
-    [(None, None), ("", None), (" \t\n", None), ("top", "top"), (" top 5 ", "top 5"), (5, "5"),
-     ("...", "..."), (0, "0"), (False, "False"), ("\x85top", "top")],
+    [(None, None), ("", None), (" \t\n", None), (" top 5 ", "top 5"), (5, "5"), ("...", "..."),
+     (0, "0"), (False, "False"), ("\x85top", "top"),
+     *((bad, ValueError) for bad in (".", "..", " .. ", "a/b", "a\\b", "a\0b", ["a/b"]))],
 )  # fmt: skip
 def test_safe_universe(value, expected):
-    assert qs._safe_named_universe(value) == expected
-
-
-@pytest.mark.parametrize("value", [".", "..", " .. ", "a/b", "/", "a\\b", "a\0b", ["a/b"]])
-def test_unsafe_universe(value):
-    with raises_exactly(ValueError, unsafe(value)):
-        qs._safe_named_universe(value)
+    if expected is not ValueError:
+        assert qs._safe_named_universe(value) == expected
+        return
+    for call in (
+        lambda: qs._safe_named_universe(value),
+        lambda: qs._pool_allowed_named_universes({"allowed_named_universes": ["a", value]}),
+        lambda: qs._pool_allowed_named_universes({"named_universe": value}),
+        lambda: qs._resolve_simulation_named_universe(value, "SIGNAL", "p"),
+        lambda: qs._first_pool_named_universe(
+            {"signal_pools": [signal_pool("a", value)]}, "SIGNAL", None
+        ),
+    ):
+        with raises_exactly(ValueError, unsafe(value)):
+            call()
 
 
 @pytest.mark.parametrize(
     ("pool", "expected"),
     [
-        (None, []), ([], []), ("x", []), ({}, []),
+        (None, []), ([], []), ({}, []),
         ({"allowed_named_universes": [" a ", None, "", 5], "named_universe": "n"}, ["a", "5"]),
         ({"allowed_named_universes": [], "named_universe": "n"}, []),
         ({"allowed_named_universes": ("a",), "named_universe": "n"}, ["n"]),
@@ -63,27 +76,16 @@ def test_allowed_universes(pool, expected):
     assert qs._pool_allowed_named_universes(pool) == expected
 
 
-def test_unsafe_allowed_universe_raises():
-    for pool in ({"allowed_named_universes": ["a", "b/c"]}, {"named_universe": "b/c"}):
-        with raises_exactly(ValueError, unsafe("b/c")):
-            qs._pool_allowed_named_universes(pool)
-
-
-def test_configured_universe(monkeypatch):
-    for config, expected in (
-        ({"named_universe": " kit "}, "kit"), ({}, None), (None, None),
-        ({"named_universe": "a/b"}, None), (SimpleNamespace(get=lambda key: 1 / 0), None),
-    ):  # fmt: skip
+def test_configured_universe_never_fails(monkeypatch):
+    failing = SimpleNamespace(get=lambda key: 1 / 0)
+    for config in ({"named_universe": " kit "}, {}, None, {"named_universe": "a/b"}, failing):
         monkeypatch.setattr(agent_onboarding, "_config", config)
+        expected = "kit" if config == {"named_universe": " kit "} else None
         assert qs._configured_named_universe() == expected
     monkeypatch.delattr(agent_onboarding, "_config")
     assert qs._configured_named_universe() is None
-
-    class Stopping:
-        def get(self, key):
-            raise KeyboardInterrupt
-
-    monkeypatch.setattr(agent_onboarding, "_config", Stopping(), raising=False)
+    stopping = SimpleNamespace(get=lambda key: exec("raise KeyboardInterrupt"))
+    monkeypatch.setattr(agent_onboarding, "_config", stopping, raising=False)
     with pytest.raises(KeyboardInterrupt):
         qs._configured_named_universe()
 
@@ -94,8 +96,6 @@ def test_order_of_precedence(monkeypatch):
     monkeypatch.setattr(agent_onboarding, "_config", {"named_universe": "kit"})
     assert qs._resolve_simulation_named_universe(" ", "SIGNAL", "p") == "kit"
     assert qs._resolve_simulation_named_universe("mine", "SIGNAL", "p") == "mine"
-    with raises_exactly(ValueError, unsafe("a/b")):
-        qs._resolve_simulation_named_universe("a/b", "SIGNAL", "p")
     monkeypatch.setattr(agent_onboarding, "_config", {})
     for config in (None, {}, {"signal_pools": None}, {"signal_pools": [None, "x", {}]}):
         qs._era_config = config
@@ -103,114 +103,84 @@ def test_order_of_precedence(monkeypatch):
             qs._resolve_simulation_named_universe(None, "SIGNAL", None)
 
 
-def signal_pool(name, *allowed, **more):
-    return {"pool_id": name, "allowed_named_universes": list(allowed), **more}
-
-
 def test_universe_of_the_selected_pool_or_its_linked_one(logged):
     linked = {"pool_id": "s", "signal_pool_name": "p2"}
+    single = signal_pool("b", named_universe="n")
     era = {
-        "signal_pools": [signal_pool("p1", "u1"), signal_pool("p2", "u2"), signal_pool("p3")],
+        "signal_pools": [5, {}, signal_pool("a", " ", None), single, signal_pool("p2", "u2")],
         "strategy_pools": [linked, {"pool_id": "own", "named_universe": "u9"}],
     }
-    assert qs._first_pool_named_universe(era, "SIGNAL", "p2") == "u2"
-    assert qs._first_pool_named_universe(era, "STRATEGY", "s") == "u2"
-    assert qs._first_pool_named_universe(era, "STRATEGY", "own") == "u9"
-    assert qs._first_pool_named_universe(era, "SIGNAL", "p3") == "u1"
-    assert qs._first_pool_named_universe(era, "SIGNAL", None) == "u1"
+    assert qs._first_pool_named_universe(era, "SIGNAL", None) == "n"
+    era["signal_pools"][:2] = []
+    for kind, pool_id, expected in (("SIGNAL", "p2", "u2"), ("STRATEGY", "s", "u2"),
+                                    ("STRATEGY", "own", "u9"), ("SIGNAL", "a", "n")):  # fmt: skip
+        assert qs._first_pool_named_universe(era, kind, pool_id) == expected
     assert logged() == []
     linked["signal_pool_name"] = ""
-    assert qs._first_pool_named_universe(era, "STRATEGY", "s") == "u1"
+    assert qs._first_pool_named_universe(era, "STRATEGY", "s") == "n"
     [(level, text, (kind, pool_id, error))] = logged()
     expected = "failed to resolve selected pool named universe for %s/%s: %s"
     assert (level, text, kind, pool_id) == ("DEBUG", expected, "STRATEGY", "s")
     assert "must declare a linked signal pool" in str(error)
-    qs._selected_pool_config = lambda *args: (_ for _ in ()).throw(SystemExit())
+    qs._selected_pool_config = lambda *args: exec("raise SystemExit")
     with pytest.raises(SystemExit):
         qs._first_pool_named_universe(era, "SIGNAL", "p1")
-
-
-def test_universe_of_the_first_pool_that_names_one():
-    single = signal_pool("b", named_universe="n")
-    era = {"signal_pools": [5, {}, signal_pool("a", " ", None), single, signal_pool("c", "u")]}
-    assert qs._first_pool_named_universe(era, "SIGNAL", None) == "n"
-    assert qs._first_pool_named_universe({}, "SIGNAL", None) is None
-    with raises_exactly(ValueError, unsafe("a/b")):
-        qs._first_pool_named_universe({"signal_pools": [signal_pool("a", "a/b")]}, "SIGNAL", None)
 
 
 def test_pool_is_found_under_each_identifier():
     first = {"pool_id": "p1", "name": "alpha", "signal_pool_name": "x", "strategy_pool_name": "q"}
     second = {"pool_id": "alpha", "name": "", "signal_pool_id": 5, "strategy_pool_id": "r"}
-    era = {"signal_pools": [first, second], "strategy_pools": (first, second)}
-    for kind, identifiers in (("SIGNAL", ["p1", "alpha", "x"]), ("STRATEGY", ["p1", "alpha", "q"])):
-        for identifier in identifiers:
-            assert qs._selected_pool_config(era, kind, identifier) is first
-    assert qs._selected_pool_config(era, "SIGNAL", 5) is second
-    assert qs._selected_pool_config(era, "STRATEGY", "r") is second
-    for kind, field, key, accepted in (
-        ("SIGNAL", "signal_pool_id", "signal_pools", "p1, alpha, x, 5"),
-        ("STRATEGY", "strategy_pool_id", "strategy_pools", "p1, alpha, q, r"),
-    ):
+    accepted = {"signal": ["p1", "alpha", "x", 5], "strategy": ["p1", "alpha", "q", "r"]}
+    for key, identifiers in accepted.items():
+        kind = key.upper()
+        era = {f"{key}_pools": (first, second)}
+        pools = [qs._selected_pool_config(era, kind, identifier) for identifier in identifiers]
+        assert [pool is first for pool in pools] == [True, True, True, False]
         with raises_exactly(
             ValueError,
-            f"Unknown {field} 'nope'. Available {key} ids: ['p1', 'alpha']. "
-            f"Valid {field} values include: {accepted}",
+            f"Unknown {key}_pool_id 'nope'. Available {key}_pools ids: ['p1', 'alpha']. "
+            f"Valid {key}_pool_id values include: {', '.join(map(str, identifiers))}",
         ):
             qs._selected_pool_config(era, kind, "nope")
-        text = f"era_config must contain a '{key}' key with at least one pool definition."
-        for empty in ({}, {key: []}, {key: {}}):
-            with raises_exactly(ValueError, text):
-                qs._selected_pool_config(empty, kind, "p1")
-
-
-@pytest.mark.parametrize(("kind", "prefix"), [("SIGNAL", "signal"), ("STRATEGY", "strategy")])
-def test_runtime_name(kind, prefix):
-    keys = [f"{prefix}_pool_name", f"{prefix}_pool_id", "name", "pool_id"]
-    pool = {key: f"by {key}" for key in keys}
-    for key in keys:
-        assert qs._selected_pool_runtime_name(pool, kind, "x") == f"by {key}"
-        pool[key] = ""
-    text = f"selected {prefix}_pool_id 'x' declares none of: {', '.join(keys)}"
-    with raises_exactly(ValueError, text):
-        qs._selected_pool_runtime_name(pool, kind, "x")
-
-
-def test_linked_signal_pool():
-    assert qs._strategy_signal_pool_id({"signal_pool_name": 5}, "s") == 5
-    for pool in ({}, {"signal_pool_name": ""}, {"signal_pool_name": None}):
-        text = "Strategy pool '7' must declare a linked signal pool via signal_pool_name."
-        for call in (
-            lambda pool=pool: qs._strategy_signal_pool_id(pool, 7),
-            lambda pool=pool: qs._validate_strategy_useful_signal_pools(7, pool, [], {}),
-        ):
-            with raises_exactly(ValueError, text):
-                call()
+        text = f"era_config must contain a '{key}_pools' key with at least one pool definition."
+        with raises_exactly(ValueError, text):
+            qs._selected_pool_config({}, kind, "p1")
+        keys = [f"{key}_pool_name", f"{key}_pool_id", "name", "pool_id"]
+        pool = {name: f"by {name}" for name in keys}
+        for name in keys:
+            assert qs._selected_pool_runtime_name(pool, kind, "x") == f"by {name}"
+            pool[name] = ""
+        text = f"selected {key}_pool_id 'x' declares none of: {', '.join(keys)}"
+        with raises_exactly(ValueError, text):
+            qs._selected_pool_runtime_name(pool, kind, "x")
 
 
 def test_metadata_of_a_reference():
     by_key, by_text, by_id = {"n": 1}, {"n": 2}, {"submission_id": "s9", "id": "s8"}
     metadata = {5: by_key, "5": {}, "7": by_text, "z": {"graph_hash": 9}, "other": by_id}
-    assert qs._metadata_for_signal_ref(5, metadata) is by_key
-    assert qs._metadata_for_signal_ref(7, metadata) is by_text
-    for reference in ("s9", "s8"):
-        assert qs._metadata_for_signal_ref(reference, metadata) is by_id
-    assert qs._metadata_for_signal_ref("nobody", metadata) is None
-    assert qs._metadata_for_signal_ref(9, metadata) is None
+    for reference, expected in ((5, by_key), (7, by_text), ("s9", by_id), ("s8", by_id),
+                                ("nobody", None), (9, None)):  # fmt: skip
+        assert qs._metadata_for_signal_ref(reference, metadata) is expected
     with raises_exactly(TypeError, "'NoneType' object is not subscriptable"):
         qs._metadata_for_signal_ref("x", None)
 
 
-def test_label_and_pool_of_metadata():
-    metadata = {"signal_id": "d", "id": "c", "submission_id": "b", "graph_hash": "a"}
+def test_labels_pools_and_ids_of_references():
+    keys = ("graph_hash", "submission_id", "id", "signal_id")
     reference = object()
-    for expected in ("a", "b", "c", "d"):
-        assert qs._signal_ref_label(reference, metadata) == expected
-        del metadata[next(key for key, value in metadata.items() if value == expected)]
+    for position, expected in enumerate(keys):
+        labels = dict.fromkeys(keys[:position], "") | {key: key for key in keys[position:]}
+        assert qs._signal_ref_label(reference, labels) == expected
     assert qs._signal_ref_label(reference, {"id": ""}) is reference
     assert qs._metadata_signal_pool_id({"signal_pool_id": "p"}) == "p"
     for nothing in (None, {}, {"signal_pool_id": ""}):
         assert qs._metadata_signal_pool_id(nothing) is None
+    metadata = {5: {}, "a": {"id": "x"}, "b": {"signal_id": 8}, "": {}}
+    pool = {"found_signal_ids": [1, "two"]}
+    assert qs._strategy_referenced_signal_ids([5, "a", "b", ""], metadata, pool) == ["5", "x", "8"]
+    for nothing in ([], None, [""]):
+        assert qs._strategy_referenced_signal_ids(nothing, metadata, pool) == ["1", "two"]
+        assert qs._strategy_referenced_signal_ids(nothing, metadata, {}) == []
 
 
 def test_useful_signals_must_share_the_linked_pool():
@@ -221,20 +191,10 @@ def test_useful_signals_must_share_the_linked_pool():
     }  # fmt: skip
     check = qs._validate_strategy_useful_signal_pools
     assert check("s", pool, ["ok", "free", "unknown"], metadata) is None
-    text = (
-        "Strategy pool 's' is linked to signal pool 'p1', but useful signal '{}' belongs to "
-        "signal pool '{}'. Strategies may only reference useful signals from the same pool."
-    )
-    with raises_exactly(ValueError, text.format("h", 9)):
-        check("s", pool, ["ok", "bad", "worse"], metadata)
-    with raises_exactly(ValueError, text.format("worse", "p3")):
-        check("s", pool, ["worse", "bad"], metadata)
-
-
-def test_referenced_signal_ids():
-    metadata = {5: {}, "a": {"id": "x"}, "b": {"signal_id": 8}, "": {}}
-    pool = {"found_signal_ids": [1, "two"]}
-    assert qs._strategy_referenced_signal_ids([5, "a", "b", ""], metadata, pool) == ["5", "x", "8"]
-    for nothing in ([], None, [""]):
-        assert qs._strategy_referenced_signal_ids(nothing, metadata, pool) == ["1", "two"]
-        assert qs._strategy_referenced_signal_ids(nothing, metadata, {}) == []
+    for signals, named in ((["ok", "bad", "worse"], ("h", 9)), (["worse", "bad"], ("worse", "p3"))):
+        with raises_exactly(ValueError, FOREIGN.format(*named)):
+            check("s", pool, signals, metadata)
+    text = "Strategy pool '7' must declare a linked signal pool via signal_pool_name."
+    for unlinked in ({}, {"signal_pool_name": ""}, {"signal_pool_name": None}):
+        with raises_exactly(ValueError, text):
+            check(7, unlinked, [], {})

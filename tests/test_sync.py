@@ -6,7 +6,7 @@ from types import SimpleNamespace
 import pytest
 
 import quillstone.simulate_signal as qs
-from collaborators import PATIENCE, SEED, VOCABULARY_KEYS, ended, node, vocabulary
+from collaborators import PATIENCE, SEED, node, vocabulary
 from quillstone.function_store import FunctionStore
 from quillstone.sync import SyncError
 
@@ -111,43 +111,16 @@ def test_cancelled_follower_still_waits_for_the_leader(kit):
     assert kit.script.names().count("release") == 2
 
 
-@pytest.mark.parametrize(
-    ("done", "total", "expected"),
-    [
-        (0, 0, (0.0, "Syncing data from server...")),
-        (25, 100, (0.25, "Syncing data... 25/100 bytes downloaded")),
-        (None, None, (0.0, "Syncing data from server...")),
-    ],
-)
-def test_sync_progress(kit, done, total, expected):
-    for name, value in (("bytes_downloaded", done), ("total_bytes", total)):
-        if value is None:
-            delattr(kit.sync_manager, name)
-        else:
-            setattr(kit.sync_manager, name, value)
-    kit.blocked = kit.script.block("request_for_sync")
-    handle = kit.start()
-    kit.blocked.wait_until_entered()
-    status = handle.status()
-    assert (status.phase, status.progress, status.message) == ("syncing", *expected)
-    kit.blocked.leave.set()
-    handle.result()
-
-
 def test_era_id_is_the_synced_one(kit):
+    del kit.sync_manager.bytes_downloaded, kit.sync_manager.total_bytes
     kit.script.on("get_manifest", lambda: SimpleNamespace(era_id="7"))
     blocked = kit.script.block("load_vocabulary")
+    kit.era["era_id"] = 8
     handle = kit.start()
     blocked.wait_until_entered()
     assert handle.status().era_id == 7
     assert handle.status().message == "Initializing vault and loading vocabulary for era 7..."
-    assert handle._config_era_id == 7
-    blocked.leave.set()
-    handle.result()
-    kit.script.on("get_manifest", lambda: {"era_id": 8})
-    handle = ended(kit.start())
-    assert (handle.status().era_id, handle._config_era_id) == (8, 7)
-    assert str(handle._error) == "Synced era_id=8 does not match era_config era_id=7"
+    assert (handle._config_era_id, handle._acquired, handle._pipeline_acquired) == (8, True, True)
     handle.cancel()
 
 
@@ -203,41 +176,6 @@ def test_seed_file_rules(tmp_path):
     for bad in (None, "x" * 60, list(SEED)):
         with pytest.raises(ValueError, match=r"^shuffle_seed\.enc must be bytes$"):
             qs._validate_shuffle_blob(bad)
-
-
-def missing_text(missing, present):
-    return f"Vocabulary missing required keys: {missing}. Present keys: {present}"
-
-
-@pytest.mark.parametrize(
-    ("pieces", "kind", "text"),
-    [
-        ({"vault": None}, RuntimeError, "Vault runtime is required for simulation. Call register()/"
-         "login() so the synced vault runtime is initialized."),
-        ({"load_vocabulary": None, "vocabulary": None}, RuntimeError,
-         "Vocabulary is required for simulation. Call init_simulate_signal(..., load_vocabulary="
-         "...) or initialize the runtime vocabulary."),
-        ({"load_vocabulary": None, "vocabulary": {"era_id": 1}}, ValueError, None),
-        ({"load_vocabulary": None, "vocabulary": vocabulary()}, TypeError, "Raw vocabulary dict is "
-         "not accepted at runtime. Runtime simulation requires a FunctionStore registry."),
-        ({"backtester": None}, RuntimeError, "Backtester runtime is required for simulation. Call "
-         "register()/login() so the synced backtester runtime is initialized."),
-        *(({"load_vocabulary": lambda era_id, raw=raw: raw}, ValueError,
-           "load_vocabulary returned empty or invalid vocabulary") for raw in ({}, None, [1], "x")),
-        *(({"load_vocabulary": lambda era_id, lost=lost: {
-            key: 1 for key in VOCABULARY_KEYS if key != lost}}, ValueError,
-           missing_text({lost}, [key for key in VOCABULARY_KEYS if key != lost]))
-          for lost in VOCABULARY_KEYS),
-    ],
-)  # fmt: skip
-def test_vocabulary_phase_failures(kit, pieces, kind, text):
-    kit.pieces.update(pieces)
-    error = kit.failure()
-    assert type(error) is kind
-    assert str(error).endswith(". Present keys: ['era_id']") if text is None else str(error) == text
-    assert "init_reconstruction" not in kit.script.names()
-    if "load_vocabulary" in pieces:
-        assert qs._vocabulary_raw is None
 
 
 def test_vocabulary_is_kept_or_built(kit):

@@ -1,6 +1,8 @@
 """From the synced vocabulary to the function store."""
 
 import sys
+from contextlib import suppress
+from json import JSONDecoder
 from types import ModuleType
 
 import pytest
@@ -95,18 +97,15 @@ def test_cyclic_and_deep_trees():
     for _ in range(100_000):
         record["g"] = record = {}
     record["name"] = "bottom"
-    try:
+    with suppress(RecursionError):
         [(found, path, _)] = walk(deep)
         assert found is record
         assert len(path) == 100_000
-    except RecursionError:
-        pass
-    finally:
-        while deep:
-            deep = deep.pop("g", None)
+    while deep:
+        deep = deep.pop("g", None)
 
 
-def test_defaults_of_an_entry(plain_store):
+def test_fields_of_an_entry(plain_store):
     entries = plain_store({"rotations": {"A": {"B": {"C": [{"name": "n"}]}}}})
     assert list(entries["n"].items()) == [
         ("name", "n"), ("function_type", "rotation"), ("family", "A"), ("subfamily", "B"),
@@ -114,6 +113,22 @@ def test_defaults_of_an_entry(plain_store):
         ("class_name", ""), ("status", "approved"), ("creator_wallet", ""),
         ("function_version", 1), ("engine_only", False), ("factory", None),
     ]  # fmt: skip
+    schema = {"window": {}}
+    record = {
+        "name": 5, "function_type": "own", "param_schema": schema, "stateful": "yes", "arity": "2",
+        "module_path": "json", "class_name": "JSONDecoder", "status": 1, "creator_wallet": 2.5,
+        "function_version": "3", "engine_only": [0],
+    }  # fmt: skip
+    entry = plain_store({"filtrations": [record]})[5]
+    assert list(entry.values()) == [
+        5, "own", "", "", schema, True, 2, "json", "JSONDecoder", "1", "2.5", 3, True, JSONDecoder,
+    ]  # fmt: skip
+    assert entry["param_schema"] is schema
+    falsy = dict.fromkeys(record, None) | {"name": "n", "arity": 0, "function_version": 0}
+    assert plain_store({"rotations": [falsy]})["n"] == entries["n"] | {
+        "family": "",
+        "subfamily": "",
+    }
 
 
 @pytest.mark.parametrize(
@@ -122,7 +137,6 @@ def test_defaults_of_an_entry(plain_store):
         ({"function_family": "", "family": "f", "subfamily": 5}, (), ("f", "5")),
         ({"function_family": 3, "family": "f", "function_subfamily": "s"}, ("A", "B"), ("3", "s")),
         ({}, ("A",), ("A", "")),
-        ({}, (), ("", "")),
         ({"family": 0, "subfamily": []}, (0, None), ("", "")),
     ],
 )
@@ -131,26 +145,7 @@ def test_family_of_an_entry(plain_store, record, path, expected):
     for key in reversed(path):
         tree = {key: tree}
     entry = plain_store({"reductions": tree})["n"]
-    assert (entry["family"], entry["subfamily"]) == expected
-    assert entry["function_type"] == "reduction"
-
-
-def test_coerced_fields(plain_store):
-    schema = {"window": {}}
-    record = {
-        "name": 5, "function_type": "own", "param_schema": schema, "stateful": "yes", "arity": "2",
-        "module_path": "json", "class_name": "JSONDecoder", "status": 1, "creator_wallet": 2.5,
-        "function_version": "3", "engine_only": [0],
-    }  # fmt: skip
-    entry = plain_store({"filtrations": [record]})[5]
-    assert entry["param_schema"] is schema
-    assert (entry["function_type"], entry["stateful"], entry["engine_only"]) == ("own", True, True)
-    assert (entry["arity"], entry["function_version"]) == (2, 3)
-    assert (entry["status"], entry["creator_wallet"]) == ("1", "2.5")
-    assert entry["factory"].__name__ == "JSONDecoder"
-    falsy = dict.fromkeys(record, None) | {"name": "n", "arity": 0, "function_version": 0}
-    entry = plain_store({"filtrations": [falsy]})["n"]
-    assert (entry["arity"], entry["function_version"], entry["status"]) == (0, 1, "approved")
+    assert (entry["family"], entry["subfamily"], entry["function_type"]) == (*expected, "reduction")
 
 
 def test_first_record_of_a_name_wins(plain_store, logged):

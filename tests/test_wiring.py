@@ -6,7 +6,7 @@ import logging
 import os
 import subprocess
 import sys
-from types import ModuleType, SimpleNamespace
+from types import SimpleNamespace
 
 import pytest
 
@@ -57,25 +57,6 @@ def test_state_of_a_freshly_loaded_module():
     assert {"bypassed_thresholds": qs.SCALAR_THRESHOLD_FIELDS} == qs._POOL_METRIC_THRESHOLD_SET
 
 
-def test_sibling_names_are_bound():
-    import quillstone.function_store as store
-    import quillstone.search_tracking as tracking
-    import quillstone.sync as sync
-
-    assert qs._function_store is store
-    assert (qs.FunctionStore, qs.FunctionEntry) == (store.FunctionStore, store.FunctionEntry)
-    assert qs._TrackingStats is tracking.BacktestStats
-    for name in ("DiskSpaceError", "IntegrityError", "EraError", "SyncError"):
-        assert getattr(qs, name) is getattr(sync, name)
-    for name, source in (
-        ("AuthError", "auth"),
-        ("SdkRuntimeNotReadyError", "errors"),
-        ("vault_already_initialized_is_ready", "_vault_init"),
-        ("SCALAR_THRESHOLD_FIELDS", "_threshold_gates"),
-    ):
-        assert getattr(qs, name) is getattr(sys.modules[f"quillstone.{source}"], name)
-
-
 @pytest.mark.parametrize("missing", ["graph_shape", "metaparameters", None])
 def test_primitives_come_from_one_place(missing):
     found = fresh_import(
@@ -114,6 +95,8 @@ def test_freshness_guard_follows_the_backtester():
     guard = SimpleNamespace(register_module_consumer=lambda *args: told.append(args))
     manager = SimpleNamespace(runtime_freshness_guard=guard)
     plain, wrapping = SimpleNamespace(), SimpleNamespace(raw_backtester=None)
+    qs.init_simulate_signal(None, None, None, wrapping, None, None)
+    assert qs._runtime_freshness_guard is None
     qs.init_simulate_signal(None, manager, None, plain, None, None)
     assert qs._runtime_freshness_guard is guard
     assert told == []
@@ -127,19 +110,8 @@ def test_freshness_guard_follows_the_backtester():
     assert (qs._runtime_freshness_guard, qs._auth, qs._vocabulary_raw) == (own, 1, 5)
 
 
-def test_validator_classes_come_from_the_loaded_engine_or_an_import(monkeypatch):
-    engine = ModuleType(ENGINE)
-    engine.GraphValidator, engine.ValidatorConfig = object(), object()
-    monkeypatch.setitem(sys.modules, ENGINE, engine)
-    pair = (engine.GraphValidator, engine.ValidatorConfig)
-    assert qs._import_graph_validator_runtime() == pair
-    del engine.ValidatorConfig
-    with pytest.raises(AttributeError):
-        qs._import_graph_validator_runtime()
-
-
 @pytest.mark.parametrize("failures", [0, 1, 2])
-def test_validator_import_is_tried_once_more(monkeypatch, failures):
+def test_validator_classes_are_imported_with_one_more_try(monkeypatch, failures):
     attempts = []
 
     class Finder:
@@ -159,7 +131,12 @@ def test_validator_import_is_tried_once_more(monkeypatch, failures):
         classes = qs._import_graph_validator_runtime()
         assert [c.__name__ for c in classes] == ["GraphValidator", "ValidatorConfig"]
     assert len(attempts) == max(failures, 1) + (failures == 1)
-    sys.modules.pop(ENGINE, None)
+    engine = SimpleNamespace(GraphValidator="first", ValidatorConfig="second")
+    monkeypatch.setitem(sys.modules, ENGINE, engine)
+    assert qs._import_graph_validator_runtime() == ("first", "second")
+    del engine.ValidatorConfig
+    with pytest.raises(AttributeError):
+        qs._import_graph_validator_runtime()
 
 
 def test_factory_lookup(monkeypatch):

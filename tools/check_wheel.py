@@ -1,4 +1,4 @@
-"""Check that a wheel brings the extension and its stub, and nothing else.
+"""Check that a wheel brings the extension and its stubs, and nothing else.
 
 `quillstone` is shared with other distributions, so one file too many would overwrite theirs.
 Usage: check_wheel.py WHEEL
@@ -11,13 +11,13 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
 EXTENSION = "quillstone/simulate_signal" + sysconfig.get_config_var("EXT_SUFFIX")
-STUB = "quillstone/simulate_signal.pyi"
+STUBS = {"quillstone/simulate_signal.pyi", "quillstone-stubs/simulate_signal.pyi"}
 
 
 def problems(wheel: Path) -> list[str]:
     with zipfile.ZipFile(wheel) as archive:
         names = {name for name in archive.namelist() if ".dist-info/" not in name}
-        expected = {EXTENSION} | ({STUB} if (ROOT / STUB).exists() else set())
+        expected = {EXTENSION, *STUBS}
         found = [f"unexpected file {name}" for name in sorted(names - expected)]
         found += [f"missing file {name}" for name in sorted(expected - names)]
         if EXTENSION in names and str(ROOT).encode() in archive.read(EXTENSION):

@@ -46,6 +46,9 @@ inline bool is_strategy(View expression_type, Here where = Here::current()) {
     return equals(expression_type, global("STRATEGY"_name, where), where);
 }
 
+/// The wired era configuration's era id, 0 without one.
+Object configured_era_id();
+
 /// The first value under the keys that is true, or an empty object.
 template <class Keys>
 Object first_true(View mapping, const Keys& keys, Here where = Here::current()) {

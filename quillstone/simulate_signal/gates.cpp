@@ -22,11 +22,8 @@ Object finite_metric(View value, View fallback) {
         numeric = to_float(value);
     } catch (Raised& raised) {
         // An int beyond the range of floats is as little a metric as a text is.
-        if (raised.matches(TypeError::type()) || raised.matches(ValueError::type()) ||
-            raised.matches(OverflowError::type())) {
-            return fallback;
-        }
-        throw;
+        const Caught<TypeError, ValueError, OverflowError> not_a_number(raised);
+        return fallback;
     }
     return is_finite(numeric) ? numeric : Object(fallback);
 }
@@ -72,19 +69,28 @@ Object copied(View mapping) {
 Object tracking_stats(View backtest_stats, View per_column_stats, View era_config) {
     const Object column = primary_evaluation_pnl_column(era_config);
     const Object stats = truth(per_column_stats) ? Object(per_column_stats) : new_dict();
-    const Object sharpe = tracking_metric(column_stat(stats, column, "_sharpe"_name));
-    const Object returns = tracking_metric(column_stat(stats, column, "_returns"_name));
-    const Object drawdown = tracking_metric(column_stat(stats, column, "_drawdown"_name));
-    const Object quality_score = tracking_metric(column_stat(stats, column, "_quality_score"_name));
-    const Object turnover = tracking_metric(attr(backtest_stats, "avg_turnover"_name));
-    const Object delta_exposure = tracking_metric(attr(backtest_stats, "delta_exposure"_name));
-    const Object max_weight = tracking_metric(attr(backtest_stats, "max_weight"_name));
-    const Object liquidity_metrics = copied(attr(backtest_stats, "liquidity_metrics"_name));
-    const Object custom_stats = copied(attr(backtest_stats, "custom_stats"_name));
-    return call(global("_TrackingStats"_name), "sharpe"_kw = sharpe, "returns"_kw = returns, "turnover"_kw = turnover,
-                "drawdown"_kw = drawdown, "delta_exposure"_kw = delta_exposure, "max_weight"_kw = max_weight,
-                "quality_score"_kw = quality_score, "correlation"_kw = number(0.0),
-                "liquidity_metrics"_kw = liquidity_metrics, "custom_stats"_kw = custom_stats);
+    const Object sharpe = column_stat(stats, column, "_sharpe"_name);
+    const Object returns = column_stat(stats, column, "_returns"_name);
+    const Object drawdown = column_stat(stats, column, "_drawdown"_name);
+    const Object quality_score = column_stat(stats, column, "_quality_score"_name);
+    const Object turnover = attr(backtest_stats, "avg_turnover"_name);
+    const Object delta_exposure = attr(backtest_stats, "delta_exposure"_name);
+    const Object max_weight = attr(backtest_stats, "max_weight"_name);
+    const Object liquidity_metrics = attr(backtest_stats, "liquidity_metrics"_name);
+    const Object custom_stats = attr(backtest_stats, "custom_stats"_name);
+
+    const Object fields = new_dict();
+    set_item(fields, "sharpe"_name, tracking_metric(sharpe));
+    set_item(fields, "returns"_name, tracking_metric(returns));
+    set_item(fields, "turnover"_name, tracking_metric(turnover));
+    set_item(fields, "drawdown"_name, tracking_metric(drawdown));
+    set_item(fields, "delta_exposure"_name, tracking_metric(delta_exposure));
+    set_item(fields, "max_weight"_name, tracking_metric(max_weight));
+    set_item(fields, "quality_score"_name, tracking_metric(quality_score));
+    set_item(fields, "correlation"_name, number(0.0));
+    set_item(fields, "liquidity_metrics"_name, copied(liquidity_metrics));
+    set_item(fields, "custom_stats"_name, copied(custom_stats));
+    return call_with_keywords(global("_TrackingStats"_name), fields);
 }
 
 constexpr Definition functions[] = {

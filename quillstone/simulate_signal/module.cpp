@@ -2,6 +2,7 @@
 #include "quillstone/simulate_signal/gates.hpp"
 #include "quillstone/simulate_signal/interface.hpp"
 #include "quillstone/simulate_signal/options.hpp"
+#include "quillstone/simulate_signal/pipeline.hpp"
 #include "quillstone/simulate_signal/runtime/runtime.hpp"
 #include "quillstone/simulate_signal/vocabulary.hpp"
 #include "quillstone/simulate_signal/weights.hpp"
@@ -25,7 +26,8 @@ void define_everything(View dict) {
     for (const auto table :
          {era_access_functions(), pool_functions(), universe_rule_functions(), signal_ref_functions(), gate_functions(),
           function_store_functions(), freshness_functions(), stage_functions(), finalize_functions(),
-          install_functions(), option_functions(), graph_functions(), entry_point_functions(), wiring_functions()}) {
+          install_functions(), option_functions(), pipeline_functions(), graph_functions(), entry_point_functions(),
+          wiring_functions()}) {
         define_functions(dict, table);
     }
     set_global("CancelledError"_name, make_cancelled_error());
@@ -41,15 +43,14 @@ void define_everything(View dict) {
 
 // The one module object of the process. A second import is handed this object as it stands.
 PyObject* the_module = nullptr;
-PyInterpreterState* the_interpreter = nullptr;
 
 PyObject* create(PyObject* spec, PyModuleDef* /*definition*/) {
+    if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
+        PyErr_SetString(PyExc_ImportError,
+                        "quillstone.simulate_signal can be loaded into the main interpreter of a process only");
+        return nullptr;
+    }
     if (the_module != nullptr) {
-        if (PyInterpreterState_Get() != the_interpreter) {
-            PyErr_SetString(PyExc_ImportError,
-                            "quillstone.simulate_signal can be loaded into one interpreter per process only");
-            return nullptr;
-        }
         return Py_NewRef(the_module);
     }
     PyObject* name = enter([&] { return PyObject_GetAttrString(spec, "name"); });
@@ -69,6 +70,7 @@ int execute(PyObject* module) {
         }
         prepare_function_type();
         prepare_generator_type();
+        prepare_breathing();
         define_everything(Namespace::dict());
     } catch (Raised& raised) {
         raised.restore();
@@ -78,7 +80,6 @@ int execute(PyObject* module) {
         return -1;
     }
     the_module = Py_NewRef(module);
-    the_interpreter = PyInterpreterState_Get();
     return 0;
 }
 

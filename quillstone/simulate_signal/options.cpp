@@ -113,16 +113,14 @@ class PlainCopy {
         if (!dictionary && !is_list(value) && !is_tuple(value)) {
             return value;
         }
-        // A part that nobody else refers to cannot be met again, so most are not remembered.
-        const bool may_be_shared = is_shared(value);
-        if (may_be_shared) {
-            if (const auto made = copies_.find(value.get()); made != copies_.end()) {
-                return made->second;
-            }
+        if (const auto made = copies_.find(value.get()); made != copies_.end()) {
+            return made->second;
         }
         const RecursionLevel level(depth_);
         Object copy = dictionary ? dictionary_of(value) : list_of_items(value);
-        if (may_be_shared) {
+        // Every part gets a copy of its own, as long as that can end: a payload that refers to its own parts over and
+        // over would grow without bound.
+        if (++parts_ > most_copied_anew) {
             originals_.add(value);
             copies_.emplace(value.get(), copy);
         }
@@ -150,7 +148,8 @@ class PlainCopy {
 
     Object item_copy(View value);
 
-    // A part of the payload that is shared is copied once, so that a payload costs its size.
+    static constexpr std::size_t most_copied_anew = 1'000'000;
+    std::size_t parts_ = 0;
     Visited originals_;
     std::unordered_map<PyObject*, Object> copies_;
     int depth_ = 0;
@@ -185,10 +184,6 @@ Object effective_options(View era_config) {
     return dict_of("universe_options"_kw = universes, "engine_definitions"_kw = engines);
 }
 
-Object stage_attribute(View stage, View key, View fallback) {
-    return read_field(stage, key, fallback);
-}
-
 constexpr Definition functions[] = {
     function<effective_options>("effective_simulation_options(era_config)", options_doc),
     function<list_universes>("_universe_options(era_config)",
@@ -197,8 +192,8 @@ constexpr Definition functions[] = {
                                  "Return a plain copy of the engine catalog in the synced era configuration."),
     function<plain_copy>("_plain_engine_definition_payload(value)",
                          "Return a copy in which keys are strings, and lists and tuples are new lists."),
-    function<stage_attribute>("_stage_attr(stage, key, default=None)",
-                              "Return a field of a stage, which is a dict or an object with attributes."),
+    function<stage_field>("_stage_attr(stage, key, default=None)",
+                          "Return a field of a stage, which is a dict or an object with attributes."),
 };
 
 } // namespace

@@ -8,4 +8,6 @@ namespace quillstone::simulate_signal {
 /// the handle holds exactly one outcome afterwards.
 void run_pipeline(runtime::View handle);
 
+std::span<const runtime::Definition> pipeline_functions();
+
 } // namespace quillstone::simulate_signal

@@ -23,6 +23,9 @@ inline constexpr ModuleFunction<5> install_finalized_weights{"_install_finalized
 /// are read.
 Object read_field(View source, View name, View fallback, Here where = Here::current());
 
+/// The same as a module function.
+Object stage_field(View stage, View name, View fallback);
+
 std::span<const Definition> stage_functions();
 std::span<const Definition> finalize_functions();
 std::span<const Definition> install_functions();

@@ -2,6 +2,12 @@
 
 namespace quillstone::simulate_signal {
 
+Object configured_era_id() {
+    const Object era_config = global("_era_config"_name);
+    Object no_era = number(0L);
+    return era_config.is_none() ? no_era : get(era_config, "era_id"_name, no_era);
+}
+
 namespace {
 
 Object resolve(View era_id) {
@@ -31,10 +37,8 @@ Object coerce(View value) {
     try {
         era_id = to_int(value);
     } catch (Raised& raised) {
-        if (raised.matches(TypeError::type()) || raised.matches(ValueError::type())) {
-            return none();
-        }
-        throw;
+        const Caught<TypeError, ValueError> not_a_number(raised);
+        return none();
     }
     return greater(number(0L), era_id) ? Object(none()) : era_id;
 }

@@ -34,8 +34,8 @@ Object safe_universe(View named_universe) {
         return none();
     }
     // Named universes become path segments on disk.
-    if (equals(segment, "."_name) || equals(segment, ".."_name) || has_character(segment, '/') ||
-        has_character(segment, '\\') || has_character(segment, '\0')) {
+    if (equals(segment, "."_name) || equals(segment, ".."_name) || contains(segment, "/"_name) ||
+        contains(segment, "\\"_name) || contains(segment, character(0))) {
         raise<ValueError>("named_universe must be a single safe path segment, got {}", repr(named_universe));
     }
     return segment;

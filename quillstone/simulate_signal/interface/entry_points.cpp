@@ -20,7 +20,7 @@ signal_pool_id : str
 metaparameters : dict, optional
     Options chosen for stages of the era's transform pipeline, by the stage's name.
 include_correlation : bool
-    Compare the PnL with that of the signals found already.
+    Compare the PnL with that of what was found already.
 include_mi : bool
     Compute the marginal improvement (mutual-information score) of the PnL.
 record : bool
@@ -42,6 +42,8 @@ ValueError
     be found.
 RuntimeError
     When the kit's typed graph classes cannot be found.
+Exception
+    Whatever the kit's `FunctionGraphNode.from_raw` raises for a malformed dictionary.
 
 Errors of the simulation itself are raised by `SimulationHandle.result()`.)";
 
@@ -60,7 +62,7 @@ strategy_pool_id : str
 metaparameters : dict, optional
     Options chosen for stages of the era's transform pipeline, by the stage's name.
 include_correlation : bool
-    Compare the PnL with that of the strategies found already.
+    Compare the PnL with that of what was found already.
 include_mi : bool
     Compute the marginal improvement (mutual-information score) of the PnL.
 record : bool
@@ -82,6 +84,8 @@ ValueError
     be found.
 RuntimeError
     When the kit's typed graph classes cannot be found.
+Exception
+    Whatever the kit's `FunctionGraphNode.from_raw` raises for a malformed dictionary.
 
 Errors of the simulation itself are raised by `SimulationHandle.result()`.)";
 
@@ -119,15 +123,19 @@ Object published_signature(View pool_parameter_name) {
     const Object parameter_class = attr(inspect, "Parameter"_name);
     const Object positional_or_keyword = attr(parameter_class, "POSITIONAL_OR_KEYWORD"_name);
     const Object keyword_only = attr(parameter_class, "KEYWORD_ONLY"_name);
-    const auto optional = [&](Name name, View fallback) {
-        return call(parameter_class, name, keyword_only, "default"_kw = fallback);
+    const Object parameters = list_of(call(parameter_class, "graph"_name, positional_or_keyword));
+    const auto add = [&](Name name, View fallback) {
+        append(parameters, call(parameter_class, name, keyword_only, "default"_kw = fallback));
     };
-    const Object parameters =
-        list_of(call(parameter_class, "graph"_name, positional_or_keyword), optional("named_universe"_name, none()),
-                call(parameter_class, pool_parameter_name, keyword_only), optional("metaparameters"_name, none()),
-                optional("include_correlation"_name, boolean(true)), optional("include_mi"_name, boolean(true)),
-                optional("record"_name, boolean(true)), optional("return_series"_name, boolean(false)),
-                optional("return_weights"_name, boolean(false)), optional("fail_fast"_name, boolean(true)));
+    add("named_universe"_name, none());
+    append(parameters, call(parameter_class, pool_parameter_name, keyword_only));
+    add("metaparameters"_name, none());
+    add("include_correlation"_name, boolean(true));
+    add("include_mi"_name, boolean(true));
+    add("record"_name, boolean(true));
+    add("return_series"_name, boolean(false));
+    add("return_weights"_name, boolean(false));
+    add("fail_fast"_name, boolean(true));
     return method(inspect, "Signature"_name, parameters);
 }
 

@@ -34,8 +34,9 @@ ValueError
 
 constexpr const char* result_doc = R"(Block until completion, return BacktestResult or raise exception.
 
-The first call that returns a result records the evaluation with the search tracker; every call returns the same
-result or raises the same error. The sync manager is released once.
+The first successful call records the evaluation with the search tracker; later calls return the same result, or raise
+the same error, again. The sync manager is released once. An error of the search tracker is raised by the call that
+recorded; the evaluation is not recorded again, and the next call returns the result.
 
 Returns
 -------
@@ -62,10 +63,6 @@ SimulationStatus
 
 constexpr double acquire_handshake_seconds = 0.1;
 
-Object monotonic() {
-    return method(global("time"_name), "monotonic"_name);
-}
-
 Object seconds_since_start(View self) {
     const Object now = monotonic();
     return subtract(now, attr(self, "_start_time"_name));
@@ -81,12 +78,6 @@ Object next_status(View self, View phase, View progress, View message) {
     const Object elapsed = seconds_since_start(self);
     return call(global("SimulationStatus"_name), "phase"_kw = phase, "progress"_kw = progress, "message"_kw = message,
                 "era_id"_kw = era_id, "elapsed_s"_kw = elapsed);
-}
-
-Object configured_era_id() {
-    const Object era_config = global("_era_config"_name);
-    Object no_era = number(0L);
-    return era_config.is_none() ? no_era : get(era_config, "era_id"_name, no_era);
 }
 
 void init(View self, View graph, View named_universe, View expression_type, View metaparameters,
@@ -105,7 +96,8 @@ void init(View self, View graph, View named_universe, View expression_type, View
     set_attr(self, "_selected_pool_id"_name,
              validate_selected_pool_id(selected_pool_id, selected_pool_field_name(expression_type)));
     if (selected_pool_kind.is_none()) {
-        set_attr(self, "_selected_pool_kind"_name, is_strategy(expression_type) ? "strategy"_name : "signal"_name);
+        set_attr(self, "_selected_pool_kind"_name,
+                 equals(expression_type, "STRATEGY"_name) ? "strategy"_name : "signal"_name);
     } else {
         set_attr(self, "_selected_pool_kind"_name, selected_pool_kind);
     }
@@ -147,10 +139,7 @@ Object status(View self) {
         const Object phase = attr(current, "phase"_name);
         const Object progress = attr(current, "progress"_name);
         const Object message = attr(current, "message"_name);
-        const Object era_id = attr(current, "era_id"_name);
-        const Object elapsed = seconds_since_start(self);
-        snapshot = call(global("SimulationStatus"_name), "phase"_kw = phase, "progress"_kw = progress,
-                        "message"_kw = message, "era_id"_kw = era_id, "elapsed_s"_kw = elapsed);
+        snapshot = next_status(self, phase, progress, message);
     });
     return snapshot;
 }
@@ -195,14 +184,7 @@ void release_after_run(View self) {
     }
     const Object held = attr(self, "_pipeline_acquired"_name);
     set_attr(self, "_pipeline_acquired"_name, true);
-    try {
-        method(self, "_do_release"_name);
-    } catch (Raised& raised) {
-        const Handling handling(raised.error);
-        set_attr(self, "_pipeline_acquired"_name, held);
-        throw;
-    }
-    set_attr(self, "_pipeline_acquired"_name, held);
+    finally([&] { method(self, "_do_release"_name); }, [&] { set_attr(self, "_pipeline_acquired"_name, held); });
 }
 
 void record_pending(View self) {
@@ -267,8 +249,7 @@ constexpr Definition handle_methods[] = {
 } // namespace
 
 Object make_simulation_handle() {
-    const Object attributes = new_dict();
-    set_item(attributes, "__doc__"_name, new_text(handle_doc));
+    const Object attributes = class_body(handle_doc);
     define_functions(attributes, handle_methods, "SimulationHandle");
     return make_class("SimulationHandle"_name, object_type(), attributes);
 }

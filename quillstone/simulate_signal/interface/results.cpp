@@ -78,7 +78,8 @@ Object result_repr(View self) {
     }
     append(lines, "SimulationResult("_name);
     for (const Name field : shown_fields) {
-        append(lines, format("  {}={},", field, repr(attr(self, field))));
+        const Object value = attr(self, field);
+        append(lines, format("  {}={},", field, repr(value)));
     }
     append(lines, ")"_name);
     return join("\n"_name, lines);
@@ -88,17 +89,10 @@ constexpr Definition result_methods[] = {
     function<result_repr>("__repr__(self)", "Return the result's fields, a line each; series and weights left out."),
 };
 
-Object attributes_with_doc(const char* doc) {
-    Object attributes = new_dict();
-    set_item(attributes, "__doc__"_name, new_text(doc));
-    return attributes;
-}
-
 } // namespace
 
 Object make_cancelled_error() {
-    return make_class("CancelledError"_name, Exception::type(),
-                      attributes_with_doc("Raised when simulation is cancelled."));
+    return make_class("CancelledError"_name, Exception::type(), class_body("Raised when simulation is cancelled."));
 }
 
 Object make_simulation_status() {
@@ -111,7 +105,7 @@ Object make_simulation_status() {
         Field{"era_id"_name, int_type(), no_era},
         Field{"elapsed_s"_name, float_type(), nothing_done},
     };
-    return make_data_class("SimulationStatus"_name, fields, attributes_with_doc(status_doc));
+    return make_data_class("SimulationStatus"_name, fields, class_body(status_doc));
 }
 
 Object make_simulation_result() {
@@ -138,7 +132,7 @@ Object make_simulation_result() {
         field("expression_elapsed_seconds"_name),
         field("resolved_metaparameters"_name),
     };
-    const Object attributes = attributes_with_doc(result_doc);
+    const Object attributes = class_body(result_doc);
     define_functions(attributes, result_methods, "SimulationResult");
     return make_data_class("SimulationResult"_name, fields, attributes);
 }

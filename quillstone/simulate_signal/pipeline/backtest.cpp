@@ -17,19 +17,25 @@ Object output_field(const Run& run, Name field, View fallback = none()) {
 void ensure_fresh(const Run& run) {
     const Object ensure = attr_or(global("_runtime_freshness_guard"_name), "ensure_fresh_before_backtest"_name, none());
     if (!ensure.is_none()) {
-        call_in_falling_arity(ensure, "named_universe"_kw = run.own("_named_universe"_name));
+        call_guard(ensure, run.own("_named_universe"_name));
     }
 }
 
-Object run_the_backtest(Run& run) {
-    const auto return_series = "return_series"_kw = run.own("_return_series"_name);
-    const auto return_weights = "return_weights"_kw = run.own("_return_weights"_name);
+Object call_backtester(const Run& run) {
     if (!run.run_backtest.is_none()) {
-        return call(run.run_backtest, run.own("_graph"_name), "metaparameters"_kw = run.metaparameters,
-                    "named_universe"_kw = run.own("_named_universe"_name), return_series, return_weights);
+        const Object graph = run.own("_graph"_name);
+        const Object named_universe = run.own("_named_universe"_name);
+        const Object return_series = run.own("_return_series"_name);
+        const Object return_weights = run.own("_return_weights"_name);
+        return call(run.run_backtest, graph, "metaparameters"_kw = run.metaparameters,
+                    "named_universe"_kw = named_universe, "return_series"_kw = return_series,
+                    "return_weights"_kw = return_weights);
     }
-    return call(run.backtest, "weights"_kw = run.weights, "era_config"_kw = run.era_config,
-                "universe"_kw = universe_of(run), return_series, return_weights, "use_vault"_kw = true);
+    const Object universe = universe_mask(run);
+    const Object return_series = run.own("_return_series"_name);
+    const Object return_weights = run.own("_return_weights"_name);
+    return call(run.backtest, "weights"_kw = run.weights, "era_config"_kw = run.era_config, "universe"_kw = universe,
+                "return_series"_kw = return_series, "return_weights"_kw = return_weights, "use_vault"_kw = true);
 }
 
 /// The ids of the signals found already, each once, in order.
@@ -95,8 +101,9 @@ Object gate_metrics(const Run& run) {
 void gate_thresholds(Run& run) {
     const Name set_name = run.is_strategy ? "strategy_is_thresholds"_name : "signal_is_thresholds"_name;
     const Object threshold_set = get(run.thresholds, set_name, new_dict());
-    const Object verdict = call(global("evaluate_threshold_gates"_name), "metrics"_kw = gate_metrics(run),
-                                "threshold_set"_kw = threshold_set);
+    const Object evaluate_gates = global("evaluate_threshold_gates"_name);
+    const Object metrics = gate_metrics(run);
+    const Object verdict = call(evaluate_gates, "metrics"_kw = metrics, "threshold_set"_kw = threshold_set);
     if (!truth(attr(verdict, "passed"_name))) {
         run.passed = false;
     }
@@ -166,7 +173,7 @@ void backtest_and_gate(Run& run) {
     run.report("backtesting"_name, "Backtesting signal against thresholds..."_name);
     run.check_cancelled();
     ensure_fresh(run);
-    run.output = run_the_backtest(run);
+    run.output = call_backtester(run);
     run.check_cancelled();
 
     run.stats = output_field(run, "stats"_name);

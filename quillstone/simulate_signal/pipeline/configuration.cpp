@@ -21,8 +21,10 @@ Object make_validator(View vocabulary) {
     if (!truth(raw)) {
         raw = new_dict();
     }
-    const Object config = call(import_from("quillstone._runtime"_name, "_graph_validator_config"_name), raw);
-    const Object names = call(import_from("quillstone._runtime"_name, "_graph_validator_names"_name), raw);
+    const Object make_config = import_from("quillstone._runtime"_name, "_graph_validator_config"_name);
+    const Object make_names = import_from("quillstone._runtime"_name, "_graph_validator_names"_name);
+    const Object config = call(make_config, raw);
+    const Object names = call(make_names, raw);
     return call(validator_class, vocabulary, config, names);
 }
 

@@ -7,9 +7,7 @@ namespace quillstone::simulate_signal {
 namespace {
 
 void check_graph_and_dependencies(Run& run) {
-    const Object era_config = global("_era_config"_name);
-    const Object no_era = number(0L);
-    set_attr(run.handle, "_config_era_id"_name, era_config.is_none() ? no_era : get(era_config, "era_id"_name, no_era));
+    set_attr(run.handle, "_config_era_id"_name, configured_era_id());
 
     const Object expression_type = run.own("_expression_type"_name);
     run.is_strategy = is_strategy(expression_type);
@@ -70,7 +68,7 @@ void run_phases(Run& run) {
     in_frame("_resolve_configuration"_name, [&] { resolve_configuration(run); });
     in_frame("_validate_graph_and_select_pool"_name, [&] { validate_graph_and_select_pool(run); });
     in_frame("_set_up_evaluation"_name, [&] { set_up_evaluation(run); });
-    in_frame("_evaluate"_name, [&] { evaluate_expression(run); });
+    in_frame("_evaluate_and_finalize"_name, [&] { evaluate_and_finalize(run); });
     in_frame("_backtest_and_gate"_name, [&] { backtest_and_gate(run); });
     in_frame("_gate_marginal_improvement"_name, [&] { gate_marginal_improvement(run); });
     in_frame("_complete"_name, [&] { complete(run); });
@@ -131,20 +129,17 @@ void handle_failure(View handle, Raised& raised) {
 
 } // namespace
 
-View universe_of(Run& run) {
-    if (!run.universe.exists()) {
-        const Object mask = attr_or(global("_vault"_name), "universe_mask"_name, none());
-        run.universe = is_callable(mask) ? call(mask, run.own("_named_universe"_name)) : mask;
-    }
-    return run.universe;
-}
-
 void run_pipeline(View handle) {
     try {
         in_frame("_run_pipeline"_name, [&] {
-            Run run;
-            run.handle = handle;
-            run_phases(run);
+            try {
+                Run run;
+                run.handle = handle;
+                run_phases(run);
+            } catch (const std::bad_alloc&) {
+                PyErr_NoMemory();
+                raise_current(Here::current());
+            }
         });
     } catch (Raised& raised) {
         try {

@@ -1,4 +1,5 @@
 #include "quillstone/simulate_signal/era_config.hpp"
+#include "quillstone/simulate_signal/pipeline.hpp"
 #include "quillstone/simulate_signal/pipeline/run.hpp"
 #include "quillstone/simulate_signal/vocabulary.hpp"
 #include "quillstone/simulate_signal/weights.hpp"
@@ -7,66 +8,11 @@ namespace quillstone::simulate_signal {
 
 namespace {
 
-/// The function that stands in for the backtester's search-plan factory: whatever it is asked, the run's plan.
-Object the_plan(View plan, View /*args*/, View /*kwargs*/) {
+/// What stands in for the backtester's search-plan factory: whatever it is asked, the run's plan.
+Object plan_of_run(View plan, View /*args*/, View /*kwargs*/) {
     return plan;
 }
-constexpr Definition search_plan_factory =
-    function<the_plan>("search_plan_factory(plan, /, *args, **kwargs)", "Return the search plan of this simulation.");
-
-/// The run's own evaluator and search-plan factory on the shared backtester, for the length of the evaluation.
-class Installation {
-  public:
-    explicit Installation(const Run& run) : backtester_(global("_backtester"_name)) {
-        evaluator_ = attr_or(backtester_, "evaluator"_name, View());
-        if (evaluator_.exists()) {
-            const Object extra = dict_of("search_plan"_kw = run.search_plan, "feature_dir"_kw = run.feature_dir,
-                                         "signal_dir"_kw = run.signal_dir, "manifest"_kw = run.manifest);
-            set_attr(backtester_, "evaluator"_name,
-                     call(global("_SimulationOrchestratorEvaluator"_name), evaluator_, extra));
-        }
-        // From here on a failure must undo what stands already.
-        try {
-            install_factory(run);
-        } catch (Raised& raised) {
-            const Handling handling(raised.error);
-            undo();
-            throw;
-        }
-    }
-
-    /// Puts the previous objects back, the second also when the first cannot be.
-    void undo() {
-        try {
-            restore("evaluator"_name, evaluator_);
-        } catch (Raised& raised) {
-            const Handling handling(raised.error);
-            restore("search_plan_factory"_name, factory_);
-            throw;
-        }
-        restore("search_plan_factory"_name, factory_);
-    }
-
-  private:
-    void install_factory(const Run& run) {
-        Object previous = attr_or(backtester_, "search_plan_factory"_name, View());
-        if (previous.exists()) {
-            set_attr(backtester_, "search_plan_factory"_name,
-                     bind_method(make_function(search_plan_factory), run.search_plan));
-            factory_ = std::move(previous);
-        }
-    }
-
-    void restore(Name attribute, View previous) const {
-        if (previous.exists()) {
-            set_attr(backtester_, attribute, previous);
-        }
-    }
-
-    Object backtester_;
-    Object evaluator_; // the previous ones; empty where the backtester has none
-    Object factory_;
-};
+constexpr Name plan_of_run_name = "_search_plan_of_run"_name;
 
 Object current_manifest() {
     const Object sync_manager = global("_sync_manager"_name);
@@ -86,7 +32,9 @@ Object compute_search_plan(const Run& run) {
     if (compute.is_none()) {
         return none();
     }
-    return call(compute, run.own("_graph"_name), run.own("_expression_type"_name), "requested_n_jobs"_kw = number(1L));
+    const Object graph = run.own("_graph"_name);
+    const Object expression_type = run.own("_expression_type"_name);
+    return call(compute, graph, expression_type, "requested_n_jobs"_kw = number(1L));
 }
 
 void choose_orchestrator(Run& run) {
@@ -116,11 +64,14 @@ void refresh_vocabulary(const Run& run) {
     }
     const Object named_universe = run.own("_named_universe"_name);
     const Object before = runtime_vocabulary_freshness_state(guard);
-    call_in_falling_arity(ensure_fresh, "named_universe"_kw = named_universe);
+    call_guard(ensure_fresh, named_universe);
     const Object after = runtime_vocabulary_freshness_state(guard);
     if (truth(runtime_vocabulary_refreshed(before, after, named_universe))) {
         reload_runtime_vocabulary_after_freshness(named_universe);
-        set_global("_vocabulary"_name, build_obfuscated_store(global("_vocabulary_raw"_name)));
+        // The reload leaves things as they are when there is nothing to load from.
+        if (const Object raw = global("_vocabulary_raw"_name); !raw.is_none()) {
+            set_global("_vocabulary"_name, build_obfuscated_store(raw));
+        }
     }
 }
 
@@ -143,22 +94,29 @@ Object signal_universe_rule_ids(const Run& run) {
     return rule_ids;
 }
 
-Object evaluation_keywords(Run& run) {
+Object evaluation_keywords(const Run& run) {
     const Object registry = global("_vocabulary"_name);
     Object useful_signals = global("_useful_signals"_name);
     if (!truth(useful_signals)) {
         useful_signals = new_dict();
     }
-    const View universe = universe_of(run);
-    const Object stage_data = empty_runtime_stage_data();
-    const Object column_labels = required_runtime_data_shape_value(run.era_config, "column_labels"_name);
-    return dict_of("graph"_kw = run.own("_graph"_name), "expression_type"_kw = run.own("_expression_type"_name),
-                   "registry"_kw = registry, "useful_signals"_kw = useful_signals, "universe"_kw = universe,
-                   "metaparameters"_kw = run.metaparameters, "transform_pipeline"_kw = run.transform_pipeline,
-                   "stage_data"_kw = stage_data, "column_labels"_kw = column_labels,
-                   "signal_universe_rule_ids"_kw = signal_universe_rule_ids(run), "search_plan"_kw = run.search_plan,
-                   "feature_dir"_kw = run.feature_dir, "signal_dir"_kw = run.signal_dir, "manifest"_kw = run.manifest,
-                   "backtester"_kw = global("_backtester"_name));
+    Object keywords = new_dict();
+    set_item(keywords, "graph"_name, run.own("_graph"_name));
+    set_item(keywords, "expression_type"_name, run.own("_expression_type"_name));
+    set_item(keywords, "registry"_name, registry);
+    set_item(keywords, "useful_signals"_name, useful_signals);
+    set_item(keywords, "universe"_name, universe_mask(run));
+    set_item(keywords, "metaparameters"_name, run.metaparameters);
+    set_item(keywords, "transform_pipeline"_name, run.transform_pipeline);
+    set_item(keywords, "stage_data"_name, empty_runtime_stage_data());
+    set_item(keywords, "column_labels"_name, required_runtime_data_shape_value(run.era_config, "column_labels"_name));
+    set_item(keywords, "signal_universe_rule_ids"_name, signal_universe_rule_ids(run));
+    set_item(keywords, "search_plan"_name, run.search_plan);
+    set_item(keywords, "feature_dir"_name, run.feature_dir);
+    set_item(keywords, "signal_dir"_name, run.signal_dir);
+    set_item(keywords, "manifest"_name, run.manifest);
+    set_item(keywords, "backtester"_name, global("_backtester"_name));
+    return keywords;
 }
 
 struct Evaluation {
@@ -166,19 +124,16 @@ struct Evaluation {
     Object started;
 };
 
-Object monotonic() {
-    return method(global("time"_name), "monotonic"_name);
-}
-
-Evaluation evaluate(Run& run) {
+Evaluation evaluate_fresh(Run& run) {
     run.check_cancelled();
     refresh_vocabulary(run);
     Evaluation evaluation;
     if (run.orchestrator.is_none()) {
+        const Object graph = run.own("_graph"_name);
+        const Object named_universe = run.own("_named_universe"_name);
         evaluation.started = monotonic();
-        evaluation.output =
-            call(run.evaluate_expression, run.own("_graph"_name), "metaparameters"_kw = run.metaparameters,
-                 "named_universe"_kw = run.own("_named_universe"_name));
+        evaluation.output = call(run.evaluate_expression, graph, "metaparameters"_kw = run.metaparameters,
+                                 "named_universe"_kw = named_universe);
     } else {
         const Object keywords = evaluation_keywords(run);
         const Object evaluate = attr(run.orchestrator, "evaluate"_name);
@@ -188,17 +143,21 @@ Evaluation evaluate(Run& run) {
     return evaluation;
 }
 
-Evaluation evaluate_with_installation(Run& run) {
-    Installation installation(run);
+/// Evaluates with the run's own evaluator and search-plan factory on the shared backtester, which has its previous ones
+/// back as soon as the evaluation has ended.
+Evaluation evaluate_with_adapters(Run& run) {
+    const Object backtester = global("_backtester"_name);
     Evaluation evaluation;
-    try {
-        evaluation = in_frame("_evaluate_expression"_name, [&] { return evaluate(run); });
-    } catch (Raised& raised) {
-        const Handling handling(raised.error);
-        installation.undo();
-        throw;
-    }
-    installation.undo();
+    const auto adapter = [&](View previous) {
+        const Object extra = dict_of("search_plan"_kw = run.search_plan, "feature_dir"_kw = run.feature_dir,
+                                     "signal_dir"_kw = run.signal_dir, "manifest"_kw = run.manifest);
+        return call(global("_SimulationOrchestratorEvaluator"_name), previous, extra);
+    };
+    const auto factory = [&](View /*previous*/) { return bind_method(global(plan_of_run_name), run.search_plan); };
+    with_replaced(backtester, "evaluator"_name, adapter, [&] {
+        with_replaced(backtester, "search_plan_factory"_name, factory,
+                      [&] { evaluation = in_frame("_evaluate_expression"_name, [&] { return evaluate_fresh(run); }); });
+    });
     return evaluation;
 }
 
@@ -210,7 +169,21 @@ Object weights_of(const Run& run, View output) {
     return attr_or(output, "weights"_name, none());
 }
 
+constexpr Definition functions[] = {
+    function<plan_of_run>("_search_plan_of_run(plan, /, *args, **kwargs)",
+                          "Return the search plan of a run, whatever else is asked."),
+};
+
 } // namespace
+
+std::span<const Definition> pipeline_functions() {
+    return functions;
+}
+
+Object universe_mask(const Run& run) {
+    Object mask = attr_or(global("_vault"_name), "universe_mask"_name, none());
+    return is_callable(mask) ? call(mask, run.own("_named_universe"_name)) : mask;
+}
 
 void set_up_evaluation(Run& run) {
     run.report("evaluating"_name, "Evaluating expression... batch 0/?"_name);
@@ -229,8 +202,8 @@ void set_up_evaluation(Run& run) {
     }
 }
 
-void evaluate_expression(Run& run) {
-    const Evaluation evaluation = evaluate_with_installation(run);
+void evaluate_and_finalize(Run& run) {
+    const Evaluation evaluation = evaluate_with_adapters(run);
     run.weights = weights_of(run, evaluation.output);
     if (truth(pipeline_applies_rescale(run.transform_pipeline, run.metaparameters))) {
         run.weights = finalize_rescaled_weights(run.weights);

@@ -20,10 +20,6 @@ Object rejection_reason(const Run& run) {
     return truth(run.failure_detail) ? run.failure_detail : run.failure_reason;
 }
 
-Object selected_strategy_pool_id(const Run& run) {
-    return run.is_strategy ? run.own("_selected_pool_id"_name) : Object(none());
-}
-
 } // namespace
 
 void settle_failure(Run& run) {
@@ -46,12 +42,17 @@ void settle_failure(Run& run) {
 }
 
 Object tracking_record(const Run& run) {
-    Object record = dict_of("source"_kw = "simulate"_name, "graph"_kw = run.own("_graph"_name),
-                            "named_universe"_kw = run.own("_named_universe"_name), "era_id"_kw = run.era_id,
-                            "passed_thresholds"_kw = run.passed, "rejection_reason"_kw = rejection_reason(run),
-                            "expression_elapsed_seconds"_kw = run.elapsed_seconds,
-                            "stats"_kw = build_tracking_stats(run.stats, run.per_column_stats, run.era_config),
-                            "metaparameters"_kw = run.metaparameters, "per_column_stats"_kw = run.per_column_stats);
+    Object record = new_dict();
+    set_item(record, "source"_name, "simulate"_name);
+    set_item(record, "graph"_name, run.own("_graph"_name));
+    set_item(record, "named_universe"_name, run.own("_named_universe"_name));
+    set_item(record, "era_id"_name, run.era_id);
+    set_item(record, "passed_thresholds"_name, boolean(run.passed));
+    set_item(record, "rejection_reason"_name, rejection_reason(run));
+    set_item(record, "expression_elapsed_seconds"_name, run.elapsed_seconds);
+    set_item(record, "stats"_name, build_tracking_stats(run.stats, run.per_column_stats, run.era_config));
+    set_item(record, "metaparameters"_name, run.metaparameters);
+    set_item(record, "per_column_stats"_name, run.per_column_stats);
     if (run.is_strategy) {
         set_item(record, "strategy_pool_id"_name, run.own("_selected_pool_id"_name));
     }
@@ -65,19 +66,29 @@ Object tracking_record(const Run& run) {
 }
 
 Object simulation_result(const Run& run) {
-    return call(global("SimulationResult"_name), "stats"_kw = run.stats,
-                "factor_pnl"_kw = read_field(run.output, "factor_pnl"_name, none()),
-                "per_column_stats"_kw = run.per_column_stats,
-                "portfolio_returns"_kw = read_field(run.output, "portfolio_returns"_name, none()),
-                "processed_weights"_kw = read_field(run.output, "processed_weights"_name, none()),
-                "pool_kind"_kw = run.own("_selected_pool_kind"_name), "signal_pool_id"_kw = run.signal_pool_id,
-                "strategy_pool_id"_kw = selected_strategy_pool_id(run), "is_correlation"_kw = run.is_correlation,
-                "is_pnl_mi"_kw = run.mi_threshold, "was_diagnostic_only"_kw = run.was_diagnostic_only,
-                "failure_reason"_kw = run.failure_reason, "failure_detail"_kw = run.failure_detail,
-                "rejection_reason"_kw = none(), "passed"_kw = run.passed,
-                "structural_failed"_kw = run.structural_failed, "mi_score"_kw = run.mi_score,
-                "mi_passed"_kw = run.mi_passed, "expression_elapsed_seconds"_kw = run.elapsed_seconds,
-                "resolved_metaparameters"_kw = run.metaparameters);
+    const Object result_class = global("SimulationResult"_name);
+    const Object fields = new_dict();
+    set_item(fields, "stats"_name, run.stats);
+    set_item(fields, "factor_pnl"_name, read_field(run.output, "factor_pnl"_name, none()));
+    set_item(fields, "per_column_stats"_name, run.per_column_stats);
+    set_item(fields, "portfolio_returns"_name, read_field(run.output, "portfolio_returns"_name, none()));
+    set_item(fields, "processed_weights"_name, read_field(run.output, "processed_weights"_name, none()));
+    set_item(fields, "pool_kind"_name, run.own("_selected_pool_kind"_name));
+    set_item(fields, "signal_pool_id"_name, run.signal_pool_id);
+    set_item(fields, "strategy_pool_id"_name, run.is_strategy ? run.own("_selected_pool_id"_name) : Object(none()));
+    set_item(fields, "is_correlation"_name, run.is_correlation);
+    set_item(fields, "is_pnl_mi"_name, run.mi_threshold);
+    set_item(fields, "was_diagnostic_only"_name, boolean(run.was_diagnostic_only));
+    set_item(fields, "failure_reason"_name, run.failure_reason);
+    set_item(fields, "failure_detail"_name, run.failure_detail);
+    set_item(fields, "rejection_reason"_name, none());
+    set_item(fields, "passed"_name, boolean(run.passed));
+    set_item(fields, "structural_failed"_name, boolean(run.structural_failed));
+    set_item(fields, "mi_score"_name, run.mi_score);
+    set_item(fields, "mi_passed"_name, run.mi_passed);
+    set_item(fields, "expression_elapsed_seconds"_name, run.elapsed_seconds);
+    set_item(fields, "resolved_metaparameters"_name, run.metaparameters);
+    return call_with_keywords(result_class, fields);
 }
 
 } // namespace quillstone::simulate_signal

@@ -39,7 +39,6 @@ struct Run {
     Object signal_dir;
     Object orchestrator;
     Object search_plan;
-    Object universe; // empty until it is first needed
     Object weights;
     Object elapsed_seconds;
 
@@ -77,9 +76,6 @@ struct Run {
     void check_cancelled() const { method(handle, "_check_cancelled"_name); }
 };
 
-/// The universe mask of the run's named universe, from the vault.
-View universe_of(Run& run);
-
 // pipeline/sync.cpp
 void sync_data(Run& run);
 void prepare_vault_and_vocabulary(Run& run);
@@ -90,7 +86,9 @@ void validate_graph_and_select_pool(Run& run);
 
 // pipeline/evaluation.cpp
 void set_up_evaluation(Run& run);
-void evaluate_expression(Run& run);
+void evaluate_and_finalize(Run& run);
+/// The vault's mask of the run's named universe, as it is now.
+Object universe_mask(const Run& run);
 
 // pipeline/backtest.cpp
 void backtest_and_gate(Run& run);
@@ -101,21 +99,10 @@ void settle_failure(Run& run);
 Object tracking_record(const Run& run);
 Object simulation_result(const Run& run);
 
-/// `target(keyword=value, ...)`, then `target(value, ...)`, then `target()`: how injected loaders are called, each form
-/// only when the one before raised TypeError.
-template <class... Keywords>
-Object call_in_falling_arity(View target, const Keywords&... keywords) {
-    try {
-        return call(target, keywords...);
-    } catch (Raised& raised) {
-        const Caught<TypeError> takes_no_such_keywords(raised);
-        try {
-            return call(target, keywords.value...);
-        } catch (Raised& raised_again) {
-            const Caught<TypeError> takes_no_arguments(raised_again);
-            return call(target);
-        }
-    }
+/// Calls one of the freshness guard's `ensure_fresh...` methods, with as much as it takes.
+inline void call_guard(View ensure_fresh, View named_universe) {
+    first_accepted([&] { return call(ensure_fresh, "named_universe"_kw = named_universe); },
+                   [&] { return call(ensure_fresh, named_universe); }, [&] { return call(ensure_fresh); });
 }
 
 } // namespace quillstone::simulate_signal

@@ -56,7 +56,8 @@ void settle_failed_sync(View error) {
     try {
         with(global("_sync_lock"_name), [&] { settle_sync(error); });
     } catch (Raised& raised) {
-        // Not even the lock could be taken; nobody may wait for a leader that is gone.
+        // Not even the lock could be taken. Nobody may wait for a leader that is gone; and as long as this run counts
+        // as the leader, nobody else writes these variables.
         const Caught<BaseException> no_lock(raised);
         settle_sync(error);
     }
@@ -109,13 +110,10 @@ Object data_dir_of(View sync_manager) {
 
 /// Hands the era's enciphered seed on to the collaborators that protect the era's data.
 void initialize_vaults(const Run& run, View vault, View shuffle_blob) {
-    const auto shuffle_blob_kw = "shuffle_blob"_kw = shuffle_blob;
-    const auto wallet_secret_kw = "wallet_secret"_kw = run.wallet_secret;
-    const auto era_id_kw = "era_id"_kw = run.era_id;
-
     const Object initialize_era_vault = attr_or(global("_backtester"_name), "initialize_era_vault"_name, none());
     if (!initialize_era_vault.is_none()) {
-        call(initialize_era_vault, shuffle_blob_kw, wallet_secret_kw, era_id_kw);
+        call(initialize_era_vault, "shuffle_blob"_kw = shuffle_blob, "wallet_secret"_kw = run.wallet_secret,
+             "era_id"_kw = run.era_id);
     }
     try {
         Object initialize = attr_or(vault, "init_if_needed"_name, none());
@@ -123,7 +121,13 @@ void initialize_vaults(const Run& run, View vault, View shuffle_blob) {
             initialize = attr_or(vault, "initialize"_name, none());
         }
         if (!initialize.is_none()) {
-            call_in_falling_arity(initialize, shuffle_blob_kw, wallet_secret_kw, era_id_kw);
+            first_accepted(
+                [&] {
+                    return call(initialize, "shuffle_blob"_kw = shuffle_blob, "wallet_secret"_kw = run.wallet_secret,
+                                "era_id"_kw = run.era_id);
+                },
+                [&] { return call(initialize, shuffle_blob, run.wallet_secret, run.era_id); },
+                [&] { return call(initialize); });
         }
     } catch (Raised& raised) {
         const Caught<Exception> error(raised);

@@ -1,13 +1,16 @@
 #include "quillstone/simulate_signal/runtime/buffer.hpp"
 
+#include <string_view>
+
 namespace quillstone::runtime {
 
 FloatBuffer::FloatBuffer(View array, Access access, Here where) {
-    const int flags = access == Access::write ? PyBUF_STRIDED : PyBUF_STRIDED_RO;
+    const int flags = PyBUF_FORMAT | (access == Access::write ? PyBUF_WRITABLE | PyBUF_C_CONTIGUOUS : PyBUF_STRIDES);
     checked(enter([&] { return PyObject_GetBuffer(array.get(), &view_, flags); }), where);
-    if (view_.itemsize != sizeof(double)) {
+    const std::string_view format = view_.format != nullptr ? view_.format : "B";
+    if (view_.itemsize != sizeof(double) || !format.ends_with('d')) {
         enter([this] { PyBuffer_Release(&view_); });
-        raise_with_message(TypeError::type(), format("an array of 64-bit floats is required"), where);
+        raise_with_message(TypeError::type(), runtime::format("an array of 64-bit floats is required"), where);
     }
 }
 

@@ -26,7 +26,7 @@ Object call_with_keywords(Target target, View keywords) {
         if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) {
             raise_current(target.where);
         }
-        PyErr_Clear();
+        enter([] { PyErr_Clear(); });
         const Object type_name = owned(PyUnicode_FromString(Py_TYPE(keywords.get())->tp_name), target.where);
         raise_with_message(
             TypeError::type(),

@@ -10,17 +10,19 @@
 
 namespace quillstone::runtime {
 
-/// One keyword argument: `"name"_kw = value`.
-template <FixedText Text>
+/// One keyword argument: `"name"_kw = value`. It keeps a value that nobody else holds.
+template <FixedText Text, class Value>
 struct Keyword {
-    View value;
+    Value value;
     static PyObject* name() noexcept { return interned_name<Text>.object(); }
 };
 
 template <FixedText Text>
 struct KeywordName {
-    constexpr Keyword<Text> operator=(View value) const noexcept { return {value}; }
-    Keyword<Text> operator=(bool value) const noexcept { return {boolean(value)}; }
+    constexpr Keyword<Text, View> operator=(View value) const noexcept { return {value}; }
+    Keyword<Text, View> operator=(const Object& value) const noexcept { return {value}; }
+    Keyword<Text, Object> operator=(Object&& value) const noexcept { return {std::move(value)}; }
+    Keyword<Text, View> operator=(bool value) const noexcept { return {boolean(value)}; }
 };
 
 inline namespace literals {
@@ -32,8 +34,8 @@ constexpr KeywordName<Text> operator""_kw() noexcept {
 
 template <class Argument>
 inline constexpr bool is_keyword = false;
-template <FixedText Text>
-inline constexpr bool is_keyword<Keyword<Text>> = true;
+template <FixedText Text, class Value>
+inline constexpr bool is_keyword<Keyword<Text, Value>> = true;
 
 /// What a call is made on, and from where.
 struct Target {
@@ -48,7 +50,8 @@ namespace detail {
 template <class... Arguments>
 inline constexpr std::size_t keyword_count = (std::size_t{0} + ... + (is_keyword<Arguments> ? 1 : 0));
 
-/// The tuple of keyword names of one kind of call, made once.
+/// The tuple of keyword names of one kind of call, made once. (Making it may not run Python code: another thread would
+/// wait for it with the interpreter's lock in its hands.)
 template <class... Arguments>
 PyObject* keyword_names(Here where) {
     if constexpr (keyword_count<Arguments...> == 0) {
@@ -72,7 +75,7 @@ PyObject* keyword_names(Here where) {
 template <class Argument>
 PyObject* argument(const Argument& value) noexcept {
     if constexpr (is_keyword<Argument>) {
-        return value.value.get();
+        return View(value.value).get();
     } else {
         return View(value).get();
     }
@@ -107,15 +110,30 @@ Object method(Target target, Name name, const Arguments&... arguments) {
                  target.where);
 }
 
+/// The first of several ways to call something that is not refused with a `TypeError`.
+template <class First, class... Rest>
+Object first_accepted(First&& first, Rest&&... rest) {
+    if constexpr (sizeof...(Rest) == 0) {
+        return first();
+    } else {
+        try {
+            return first();
+        } catch (Raised& raised) {
+            const Caught<TypeError> refused(raised);
+            return first_accepted(std::forward<Rest>(rest)...);
+        }
+    }
+}
+
 /// `target(**keywords)`, with the interpreter's own error for what is no mapping.
 Object call_with_keywords(Target target, View keywords);
 
 /// `dict(key=value, ...)`
-template <FixedText... Texts>
-Object dict_of(const Keyword<Texts>&... entries) {
+template <class... Entries>
+Object dict_of(const Entries&... entries) {
     const Here where = Here::current();
     Object dict = owned(PyDict_New(), where);
-    (checked(PyDict_SetItem(dict.get(), Keyword<Texts>::name(), entries.value.get()), where), ...);
+    (checked(PyDict_SetItem(dict.get(), Entries::name(), View(entries.value).get()), where), ...);
     return dict;
 }
 

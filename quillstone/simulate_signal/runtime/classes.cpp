@@ -4,6 +4,12 @@
 
 namespace quillstone::runtime {
 
+Object class_body(const char* doc) {
+    Object attributes = new_dict();
+    set_item(attributes, "__doc__"_name, new_text(doc));
+    return attributes;
+}
+
 Object make_class(Name name, View base, View attributes) {
     set_item(attributes, "__module__"_name, item(Namespace::dict(), "__name__"_name));
     set_item(attributes, "__qualname__"_name, name);

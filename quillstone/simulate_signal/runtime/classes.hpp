@@ -18,6 +18,9 @@ inline View int_type() noexcept {
     return {reinterpret_cast<PyObject*>(&PyLong_Type)};
 }
 
+/// The namespace of a class body that starts with a docstring.
+Object class_body(const char* doc);
+
 /// Makes an ordinary Python class of the module: `class name(base): ...`. `attributes` is the namespace of its body.
 Object make_class(Name name, View base, View attributes);
 

@@ -22,7 +22,7 @@ void Raised::add_traceback(View function_name) const noexcept {
     }
     const Object code_owner = Object::steal(code);
     const Object frame_owner = Object::steal(frame);
-    PyErr_Clear();
+    enter([] { PyErr_Clear(); });
     if (frame != nullptr) {
         PyErr_SetRaisedException(Py_NewRef(error.get()));
         enter([&] { return PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame)); });

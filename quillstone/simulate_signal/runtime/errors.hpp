@@ -54,6 +54,9 @@ struct AttributeError {
 struct ImportError {
     static View type() noexcept { return {PyExc_ImportError}; }
 };
+struct MemoryError {
+    static View type() noexcept { return {PyExc_MemoryError}; }
+};
 struct ModuleNotFoundError {
     static View type() noexcept { return {PyExc_ModuleNotFoundError}; }
 };
@@ -71,6 +74,9 @@ struct RecursionError {
 };
 struct RuntimeError {
     static View type() noexcept { return {PyExc_RuntimeError}; }
+};
+struct StopIteration {
+    static View type() noexcept { return {PyExc_StopIteration}; }
 };
 struct TypeError {
     static View type() noexcept { return {PyExc_TypeError}; }
@@ -127,7 +133,7 @@ class Handling {
 };
 
 /// `except SomeClass as error:` at the head of a `catch (Raised& raised)` block; what does not match is thrown on.
-template <class ExceptionClass>
+template <class... ExceptionClasses>
 class Caught {
   public:
     explicit Caught(Raised& raised) : error_(matching(raised)), handling_(error_) {}
@@ -135,7 +141,7 @@ class Caught {
 
   private:
     static View matching(Raised& raised) {
-        if (!raised.matches(ExceptionClass::type())) {
+        if (!(raised.matches(ExceptionClasses::type()) || ...)) {
             throw;
         }
         return raised.error;
@@ -143,6 +149,19 @@ class Caught {
     Object error_;
     Handling handling_;
 };
+
+/// `try: body() finally: clean_up()`
+template <class Body, class CleanUp>
+void finally(Body&& body, CleanUp&& clean_up) {
+    try {
+        body();
+    } catch (Raised& raised) {
+        const Handling handling(raised.error);
+        clean_up();
+        throw;
+    }
+    clean_up();
+}
 
 /// Runs `body` as a function of its own in tracebacks.
 template <class Body>

@@ -21,7 +21,7 @@ struct FunctionObject {
     Native native;
     PyObject* pattern;         // the plain Python function
     PyObject* parameter_names; // co_varnames
-    PyObject* defaults;        // a tuple parallel to the names; null where a parameter has none
+    PyObject* defaults;        // a tuple parallel to the names
     Py_ssize_t positional_only;
     Py_ssize_t positional; // the positional-only ones included
     Py_ssize_t named;      // the keyword-only ones included
@@ -41,6 +41,11 @@ FunctionObject& function_of(PyObject* object) noexcept {
 }
 
 PyTypeObject* function_type = nullptr;
+
+/// Stands in the tuple of defaults where a parameter has none.
+View no_default() noexcept {
+    return {reinterpret_cast<PyObject*>(function_type)};
+}
 
 /// The arguments of one call, bound to the parameters.
 class Binding {
@@ -132,7 +137,7 @@ class Binding {
         for (Py_ssize_t place = 0; place < function_.named; ++place) {
             if (!bound_[place].exists()) {
                 bound_[place] = PyTuple_GET_ITEM(function_.defaults, place);
-                if (!bound_[place].exists()) {
+                if (bound_[place].is(no_default())) {
                     return false;
                 }
             }
@@ -157,11 +162,9 @@ class Binding {
 
 PyObject* call_function(PyObject* self, PyObject* const* arguments, std::size_t flags, PyObject* keyword_names) {
     const FunctionObject& function = function_of(self);
-    if (Py_EnterRecursiveCall(" while calling a Python object") != 0) {
-        return nullptr;
-    }
     PyObject* result = nullptr;
     try {
+        const RecursionLevel level(calls_under_way());
         const Py_ssize_t given = PyVectorcall_NARGS(flags);
         static_assert(sizeof(View) == sizeof(PyObject*));
         if (keyword_names == nullptr && given == function.positional && given == function.named &&
@@ -181,7 +184,6 @@ PyObject* call_function(PyObject* self, PyObject* const* arguments, std::size_t 
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     }
-    Py_LeaveRecursiveCall();
     return result;
 }
 
@@ -221,8 +223,8 @@ void function_dealloc(PyObject* self) {
     FunctionObject& function = function_of(self);
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
-    PyObject_ClearWeakRefs(self);
     enter([&] {
+        PyObject_ClearWeakRefs(self);
         function_clear(self);
         Py_CLEAR(function.pattern);
         Py_CLEAR(function.parameter_names);
@@ -238,16 +240,24 @@ void function_dealloc(PyObject* self) {
 /// `__signature__`: the one that was set, else that of the declaration.
 PyObject* get_signature(PyObject* self, void* /*closure*/) {
     FunctionObject& function = function_of(self);
-    if (function.signature == nullptr) {
-        try {
-            const Object made = call(import_from("inspect"_name, "signature"_name), View(function.pattern));
-            function.signature = Object(made).release();
-        } catch (Raised& raised) {
-            raised.restore();
-            return nullptr;
+    try {
+        if (function.signature == nullptr) {
+            Object made = call(import_from("inspect"_name, "signature"_name), View(function.pattern));
+            if (function.signature == nullptr) {
+                function.signature = made.release();
+            }
         }
+        return Py_NewRef(function.signature);
+    } catch (Raised& raised) {
+        raised.restore();
+        return nullptr;
     }
-    return Py_NewRef(function.signature);
+}
+
+/// `__text_signature__`: the signature as a text.
+PyObject* get_text_signature(PyObject* self, void* /*closure*/) {
+    const Object signature = Object::steal(get_signature(self, nullptr));
+    return signature.exists() ? enter([&] { return PyObject_Str(signature.get()); }) : nullptr;
 }
 
 int set_signature(PyObject* self, PyObject* value, void* /*closure*/) {
@@ -272,6 +282,7 @@ char attribute_annotations[] = "__annotations__";
 
 PyGetSetDef function_attributes[] = {
     {"__signature__", get_signature, set_signature, nullptr, nullptr},
+    {"__text_signature__", get_text_signature, nullptr, nullptr, nullptr},
     {"__defaults__", get_from_pattern, nullptr, nullptr, attribute_defaults},
     {"__kwdefaults__", get_from_pattern, nullptr, nullptr, attribute_kwdefaults},
     {"__annotations__", get_from_pattern, nullptr, nullptr, attribute_annotations},
@@ -282,8 +293,8 @@ PyGetSetDef function_attributes[] = {
 PyMemberDef function_members[] = {
     {"__name__", Py_T_OBJECT_EX, offsetof(FunctionObject, name), Py_READONLY, nullptr},
     {"__qualname__", Py_T_OBJECT_EX, offsetof(FunctionObject, qualname), Py_READONLY, nullptr},
-    {"__module__", Py_T_OBJECT_EX, offsetof(FunctionObject, module), 0, nullptr},
-    {"__doc__", Py_T_OBJECT_EX, offsetof(FunctionObject, doc), 0, nullptr},
+    {"__module__", _Py_T_OBJECT, offsetof(FunctionObject, module), 0, nullptr},
+    {"__doc__", _Py_T_OBJECT, offsetof(FunctionObject, doc), 0, nullptr},
     {"__dictoffset__", Py_T_PYSSIZET, offsetof(FunctionObject, dict), Py_READONLY, nullptr},
     {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(FunctionObject, weak_references), Py_READONLY, nullptr},
     {"__vectorcalloffset__", Py_T_PYSSIZET, offsetof(FunctionObject, vectorcall), Py_READONLY, nullptr},
@@ -336,16 +347,16 @@ Object make_pattern(const char* declaration, View name) {
     return item(scope, name);
 }
 
-/// The default of every named parameter, null where there is none.
+/// The default of every named parameter.
 Object make_defaults(View pattern, View names, Py_ssize_t positional, Py_ssize_t named) {
     const Object positional_defaults = attr(pattern, "__defaults__"_name);
     const Object keyword_defaults = attr(pattern, "__kwdefaults__"_name);
     const Py_ssize_t count = positional_defaults.is_none() ? 0 : length(positional_defaults);
     Object defaults = owned(PyTuple_New(named), Here::current());
     for (Py_ssize_t place = 0; place < named; ++place) {
-        Object value;
+        Object value = no_default();
         if (place >= positional && !keyword_defaults.is_none()) {
-            value = get(keyword_defaults, PyTuple_GET_ITEM(names.get(), place), View());
+            value = get(keyword_defaults, PyTuple_GET_ITEM(names.get(), place), no_default());
         } else if (place < positional && place >= positional - count) {
             value = item_at(positional_defaults, place - (positional - count));
         }

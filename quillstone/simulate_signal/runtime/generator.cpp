@@ -11,6 +11,7 @@ namespace {
 struct GeneratorObject {
     PyObject_HEAD Producer* producer; // null once the generator has ended
     PyObject* name;
+    bool started;
     bool running;
     PyObject* weak_references;
 };
@@ -33,6 +34,30 @@ bool refuse_if_running(const GeneratorObject& generator) noexcept {
     return generator.running;
 }
 
+/// A `StopIteration` from inside must not look like the end of the values.
+[[noreturn]] void raise_stop_iteration_inside(Raised& raised) {
+    const Object cause = raised.error;
+    const Handling handling(cause);
+    try {
+        raise<RuntimeError>("generator raised StopIteration");
+    } catch (Raised& replaced) {
+        PyException_SetCause(replaced.error.get(), Py_NewRef(cause.get()));
+        throw;
+    }
+}
+
+Object next_value(GeneratorObject& generator) {
+    try {
+        const RecursionLevel level(calls_under_way());
+        return generator.producer->next();
+    } catch (Raised& raised) {
+        if (raised.matches(StopIteration::type())) {
+            raise_stop_iteration_inside(raised);
+        }
+        throw;
+    }
+}
+
 /// The next value; null without an error at the end.
 PyObject* generator_next(PyObject* self) {
     GeneratorObject& generator = generator_of(self);
@@ -40,9 +65,10 @@ PyObject* generator_next(PyObject* self) {
         return nullptr;
     }
     PyObject* value = nullptr;
+    generator.started = true;
     generator.running = true;
     try {
-        value = generator.producer->next().release();
+        value = next_value(generator).release();
     } catch (Raised& raised) {
         raised.add_traceback(generator.name);
         raised.restore();
@@ -58,17 +84,27 @@ PyObject* generator_next(PyObject* self) {
     return value;
 }
 
-PyObject* generator_send(PyObject* self, PyObject* /*value*/) {
-    PyObject* value = generator_next(self);
-    if (value == nullptr && PyErr_Occurred() == nullptr) {
+PyObject* generator_send(PyObject* self, PyObject* value) {
+    const GeneratorObject& generator = generator_of(self);
+    if (value != Py_None && !generator.started && generator.producer != nullptr) {
+        PyErr_SetString(PyExc_TypeError, "can't send non-None value to a just-started generator");
+        return nullptr;
+    }
+    PyObject* next = generator_next(self);
+    if (next == nullptr && PyErr_Occurred() == nullptr) {
         PyErr_SetNone(PyExc_StopIteration);
     }
-    return value;
+    return next;
 }
 
 PyObject* generator_throw(PyObject* self, PyObject* error) {
     GeneratorObject& generator = generator_of(self);
     if (refuse_if_running(generator)) {
+        return nullptr;
+    }
+    if (!PyExceptionClass_Check(error) && !PyExceptionInstance_Check(error)) {
+        PyErr_Format(PyExc_TypeError, "exceptions must be classes or instances deriving from BaseException, not %s",
+                     Py_TYPE(error)->tp_name);
         return nullptr;
     }
     end(generator);
@@ -89,6 +125,22 @@ PyObject* generator_close(PyObject* self, PyObject* /*none*/) {
     Py_RETURN_NONE;
 }
 
+int generator_traverse(PyObject* self, visitproc visit, void* arg) {
+    const GeneratorObject& generator = generator_of(self);
+    Py_VISIT(Py_TYPE(self));
+    if (generator.producer == nullptr) {
+        return 0;
+    }
+    const References references(visit, arg);
+    generator.producer->show(references);
+    return references.result();
+}
+
+int generator_clear(PyObject* self) {
+    end(generator_of(self));
+    return 0;
+}
+
 PyObject* generator_repr(PyObject* self) {
     return PyUnicode_FromFormat("<generator object %U at %p>", generator_of(self).name, self);
 }
@@ -96,7 +148,8 @@ PyObject* generator_repr(PyObject* self) {
 void generator_dealloc(PyObject* self) {
     GeneratorObject& generator = generator_of(self);
     PyTypeObject* type = Py_TYPE(self);
-    PyObject_ClearWeakRefs(self);
+    PyObject_GC_UnTrack(self);
+    enter([&] { PyObject_ClearWeakRefs(self); });
     end(generator);
     enter([&] {
         Py_CLEAR(generator.name);
@@ -124,6 +177,8 @@ PyType_Slot generator_slots[] = {
     {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
     {Py_tp_iternext, reinterpret_cast<void*>(generator_next)},
     {Py_tp_repr, reinterpret_cast<void*>(generator_repr)},
+    {Py_tp_traverse, reinterpret_cast<void*>(generator_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(generator_clear)},
     {Py_tp_dealloc, reinterpret_cast<void*>(generator_dealloc)},
     {Py_tp_methods, generator_methods},
     {Py_tp_members, generator_members},
@@ -134,7 +189,7 @@ PyType_Spec generator_spec = {
     .name = "quillstone.simulate_signal.generator",
     .basicsize = sizeof(GeneratorObject),
     .itemsize = 0,
-    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION,
     .slots = generator_slots,
 };
 

@@ -6,6 +6,23 @@
 
 namespace quillstone::runtime {
 
+/// Takes the references that an object keeps, one by one.
+class References {
+  public:
+    References(visitproc visit, void* argument) noexcept : visit_(visit), argument_(argument) {}
+    void operator()(View reference) const {
+        if (result_ == 0 && reference.exists()) {
+            result_ = visit_(reference.get(), argument_);
+        }
+    }
+    [[nodiscard]] int result() const noexcept { return result_; }
+
+  private:
+    visitproc visit_;
+    void* argument_;
+    mutable int result_ = 0;
+};
+
 /// What a generator object draws its values from.
 class Producer {
   public:
@@ -18,6 +35,8 @@ class Producer {
 
     /// The next value; empty at the end.
     virtual Object next() = 0;
+    /// Shows every reference that it keeps, so that the interpreter can find cycles through the generator.
+    virtual void show(const References& references) const = 0;
 };
 
 /// A generator object over the producer, with the interface of Python's own. `name` is the function that made it.

@@ -6,6 +6,8 @@ namespace quillstone::runtime {
 
 namespace {
 
+PyObject* pause = nullptr; // a Python function that does nothing
+
 bool compare(View left, View right, int operation, Here where) {
     const Object result = owned(enter([&] { return PyObject_RichCompare(left.get(), right.get(), operation); }), where);
     return truth(result, where);
@@ -70,13 +72,6 @@ Object to_int(View object, Here where) {
 Object to_float(View object, Here where) {
     return owned(enter([&] { return PyNumber_Float(object.get()); }), where);
 }
-bool has_character(View text, Py_UCS4 character, Here where) {
-    const Py_ssize_t place = PyUnicode_FindChar(text.get(), character, 0, PyUnicode_GetLength(text.get()), 1);
-    if (place == -2) {
-        raise_current(where);
-    }
-    return place >= 0;
-}
 bool ends_with(View text, View ending, Here where) {
     const Py_ssize_t found = PyUnicode_Tailmatch(text.get(), ending.get(), 0, PY_SSIZE_T_MAX, 1);
     return checked(static_cast<int>(found), where) != 0;
@@ -93,18 +88,29 @@ Object to_dict(View mapping, Here where) {
     return from(PyDict_Type, mapping, where);
 }
 
+namespace {
+
+/// The value under a key of an exact dictionary; empty when there is none.
+Object value_in(View dict, View key, Here where) {
+    PyObject* value = nullptr;
+    checked(enter([&] { return PyDict_GetItemRef(dict.get(), key.get(), &value); }), where);
+    return Object::steal(value);
+}
+
+} // namespace
+
 Object get(View mapping, View key, Here where) {
-    return get(mapping, key, none(), where);
+    if (PyDict_CheckExact(mapping.get())) {
+        Object value = value_in(mapping, key, where);
+        return value.exists() ? value : Object(none());
+    }
+    return method(Target(mapping, where), "get"_name, key);
 }
 
 Object get(View mapping, View key, View fallback, Here where) {
     if (PyDict_CheckExact(mapping.get())) {
-        PyObject* value = nullptr;
-        checked(enter([&] { return PyDict_GetItemRef(mapping.get(), key.get(), &value); }), where);
-        return value != nullptr ? Object::steal(value) : Object(fallback);
-    }
-    if (fallback.is_none()) {
-        return method(Target(mapping, where), "get"_name, key);
+        Object value = value_in(mapping, key, where);
+        return value.exists() ? value : Object(fallback);
     }
     return method(Target(mapping, where), "get"_name, key, fallback);
 }
@@ -190,6 +196,10 @@ bool Items::next(Object& key, Object& value) {
     return true;
 }
 
+Object monotonic(Here where) {
+    return method(Target(global("time"_name, where), where), "monotonic"_name);
+}
+
 Object import_module(View name, Here where) {
     return method(Target(global("importlib"_name, where), where), "import_module"_name, name);
 }
@@ -201,16 +211,19 @@ Object import_from(Name module, Name name, Here where) {
                                                                            nullptr, wanted.get(), 0);
                                }),
                                where);
-    Object value = attr_or(found, name, View(), where);
-    if (!value.exists()) {
-        const Object file = attr_or(found, "__file__"_name, "unknown location"_name, where);
-        const Object message = format("cannot import name {} from {} ({})", repr(name), repr(module), file);
-        enter([&] {
-            PyErr_SetImportError(message.get(), module.get(), PyUnicode_Check(file.get()) ? file.get() : nullptr);
-        });
-        raise_current(where);
+    if (Object value = attr_or(found, name, View(), where); value.exists()) {
+        return value;
     }
-    return value;
+    // A submodule need not be an attribute of its package.
+    if (Object submodule = loaded_module(format("{}.{}", module, name), where); !submodule.is_none()) {
+        return submodule;
+    }
+    const Object file = attr_or(found, "__file__"_name, none(), where);
+    const bool has_file = PyUnicode_Check(file.get()) != 0;
+    const Object message = format("cannot import name {} from {} ({})", repr(name), repr(module),
+                                  has_file ? View(file) : View("unknown location"_name));
+    enter([&] { PyErr_SetImportError(message.get(), module.get(), has_file ? file.get() : nullptr); });
+    raise_current(where);
 }
 
 Object loaded_module(View name, Here where) {
@@ -223,17 +236,55 @@ void check_depth(std::ptrdiff_t depth, Here where) {
     }
 }
 
+int& calls_under_way() noexcept {
+    thread_local constinit int calls = 0;
+    return calls;
+}
+
 RecursionLevel::RecursionLevel(int& depth, Here where) : depth_(depth) {
     check_depth(depth + 1, where);
     ++depth_;
 }
 
+namespace {
+
+/// Lets a lock go; false when it is no lock or was let go already.
+bool let_go(View lock, Here where) {
+    try {
+        method(Target(lock, where), "release"_name);
+        return true;
+    } catch (Raised&) {
+        return false;
+    }
+}
+
+} // namespace
+
+bool leave_context(View manager, View exit, View error, Here where) {
+    try {
+        if (error.is_none()) {
+            return truth(call(Target(exit, where), none(), none(), none()), where);
+        }
+        const Object traceback = attr_or(error, "__traceback__"_name, none(), where);
+        return truth(call(Target(exit, where), type_of(error), error, traceback), where);
+    } catch (Raised& raised) {
+        const Caught<MemoryError> no_memory(raised);
+        let_go(manager, where);
+        throw;
+    }
+}
+
+void prepare_breathing() {
+    if (pause == nullptr) {
+        const Object scope = new_dict();
+        pause = owned(enter([&] { return PyRun_String("lambda: None", Py_eval_input, scope.get(), scope.get()); }),
+                      Here::current())
+                    .release();
+    }
+}
+
 void breathe(Here where) {
     // Entering a Python function is where the interpreter looks for signals and for threads that wait their turn.
-    static PyObject* const pause = [] {
-        const Object scope = new_dict();
-        return owned(PyRun_String("lambda: None", Py_eval_input, scope.get(), scope.get()), Here::current()).release();
-    }();
     call(Target(View(pause), where));
 }
 

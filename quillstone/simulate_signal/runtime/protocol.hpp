@@ -84,6 +84,12 @@ inline View type_of(View object) noexcept {
 inline Object new_text(const char* source_text, Here where = Here::current()) {
     return owned(PyUnicode_FromString(source_text), where);
 }
+/// `chr(code_point)`
+inline Object character(int code_point, Here where = Here::current()) {
+    return owned(PyUnicode_FromOrdinal(code_point), where);
+}
+/// `time.monotonic()`, through the module's `time`
+Object monotonic(Here where = Here::current());
 inline Object number(double value, Here where = Here::current()) {
     return owned(PyFloat_FromDouble(value), where);
 }
@@ -200,6 +206,8 @@ class Each {
 
     /// The next item; empty at the end.
     Object next();
+    /// What is being walked, or its iterator.
+    [[nodiscard]] View source() const noexcept { return source_; }
 
   private:
     Object source_;
@@ -241,6 +249,8 @@ Object import_from(Name module, Name name, Here where = Here::current());
 /// `sys.modules.get(name)`, through the module's `sys`
 Object loaded_module(View name, Here where = Here::current());
 
+/// Makes what `breathe` needs; once, at load.
+void prepare_breathing();
 /// To be called every few thousand steps of a long native loop: handles signals and lets waiting threads run.
 void breathe(Here where = Here::current());
 
@@ -270,23 +280,49 @@ class RecursionLevel {
   private:
     int& depth_;
 };
+/// How deep the thread is in calls of this module's functions and generators. Rebound to each other they could recurse
+/// without end, and the interpreter's own count for C code allows more of them than fit on the stack.
+int& calls_under_way() noexcept;
 /// Raises `RecursionError` when that many levels are too deep.
 void check_depth(std::ptrdiff_t depth, Here where = Here::current());
 
-/// `with lock:`
+/// Calls a context manager's `__exit__`; true when it swallows the error. A lock is let go also when memory is too
+/// short for that call.
+bool leave_context(View manager, View exit, View error, Here where);
+
+/// `with manager:`
 template <class Body>
-void with(View lock, Body&& body, Here where = Here::current()) {
-    const Object exit = attr(lock, "__exit__"_name, where);
-    method(Target(lock, where), "__enter__"_name);
-    const auto leave = [&] { call(Target(exit, where), none(), none(), none()); };
+void with(View manager, Body&& body, Here where = Here::current()) {
+    const Object exit = attr(manager, "__exit__"_name, where);
+    method(Target(manager, where), "__enter__"_name);
     try {
         body();
     } catch (Raised& raised) {
         const Handling handling(raised.error);
-        leave();
-        throw;
+        if (!leave_context(manager, exit, raised.error, where)) {
+            throw;
+        }
+        return;
     }
-    leave();
+    leave_context(manager, exit, none(), where);
+}
+
+/// Gives an attribute another value for the length of `body`; an object without the attribute is left alone.
+/// `replacement` makes the value from the previous one.
+template <class Replacement, class Body>
+void with_replaced(View object, Name attribute, Replacement&& replacement, Body&& body) {
+    const Object previous = attr_or(object, attribute, View());
+    if (!previous.exists()) {
+        body();
+        return;
+    }
+    const Object value = replacement(previous);
+    finally(
+        [&] {
+            set_attr(object, attribute, value);
+            body();
+        },
+        [&] { set_attr(object, attribute, previous); });
 }
 
 } // namespace quillstone::runtime

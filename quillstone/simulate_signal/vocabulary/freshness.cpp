@@ -67,17 +67,8 @@ void reload_from_disk(View data_dir) {
 
 /// The injected loader, in falling order of arity.
 Object load_by_injected_loader(View load, View era_id, View named_universe) {
-    try {
-        return call(load, "era_id"_kw = era_id, "named_universe"_kw = named_universe);
-    } catch (Raised& raised) {
-        const Caught<TypeError> takes_no_such_keywords(raised);
-        try {
-            return call(load, era_id);
-        } catch (Raised& raised_again) {
-            const Caught<TypeError> takes_no_argument(raised_again);
-            return call(load);
-        }
-    }
+    return first_accepted([&] { return call(load, "era_id"_kw = era_id, "named_universe"_kw = named_universe); },
+                          [&] { return call(load, era_id); }, [&] { return call(load); });
 }
 
 void reload(View named_universe) {

@@ -65,6 +65,16 @@ class TreeWalk final : public Producer {
         return {};
     }
 
+    void show(const References& references) const override {
+        references(root_);
+        references(root_path_);
+        references(default_type_);
+        for (const Level& level : levels_) {
+            references(level.nodes.source());
+            references(level.path);
+        }
+    }
+
   private:
     struct Level {
         enum class Kind { list, grouping, rebound };
@@ -146,6 +156,13 @@ class VocabularyWalk final : public Producer {
             const Section& section = sections.at(section_++);
             const Object tree = get(vocabulary_, section.key);
             payloads_ = std::make_unique<Each>(each(call(global(walk_name), tree, section.default_type, tuple_of())));
+        }
+    }
+
+    void show(const References& references) const override {
+        references(vocabulary_);
+        if (payloads_ != nullptr) {
+            references(payloads_->source());
         }
     }
 

@@ -114,6 +114,9 @@ Object finalized(View weights) {
     }
     Object result = method(numpy, "empty"_name, attr(array, "shape"_name), "dtype"_kw = float64);
     const FloatBuffer target(result, FloatBuffer::Access::write);
+    if (target.size() != source.size()) {
+        raise<ValueError>("numpy.empty returned an array of another shape");
+    }
     if (source.size() == 0) {
         return result;
     }

@@ -94,9 +94,7 @@ std::span<const Definition> install_functions() {
 }
 
 Object make_evaluator_adapter_class() {
-    const Object attributes = new_dict();
-    set_item(attributes, "__doc__"_name,
-             "Evaluator that adds a simulation's fixed keyword arguments to every call."_name);
+    const Object attributes = class_body("Evaluator that adds a simulation's fixed keyword arguments to every call.");
     define_functions(attributes, adapter_methods, "_SimulationOrchestratorEvaluator");
     return make_class("_SimulationOrchestratorEvaluator"_name, object_type(), attributes);
 }

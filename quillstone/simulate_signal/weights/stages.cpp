@@ -6,6 +6,10 @@ Object read_field(View source, View name, View fallback, Here where) {
     return is_dict(source, where) ? get(source, name, fallback, where) : attr_or(source, name, fallback, where);
 }
 
+Object stage_field(View stage, View name, View fallback) {
+    return read_field(stage, name, fallback);
+}
+
 namespace {
 
 // Finds the typed graph classes; the interface defines it.
@@ -81,10 +85,6 @@ bool applies_rescale(View transform_pipeline, View metaparameters) {
         }
     }
     return false;
-}
-
-Object stage_field(View stage, View name, View fallback) {
-    return read_field(stage, name, fallback);
 }
 
 Object empty_stage_data() {
