@@ -20,6 +20,8 @@ __all__ = ["PriceFileError", "PriceTable", "read_prices", "universe_name"]
 
 MIN_TICKERS = 2
 MIN_DAYS = 2
+# Beyond these a cell is damaged: no close is so small or so large, and figures would overflow.
+LEAST_PRICE, GREATEST_PRICE = 1e-6, 1e12
 _GZIP_MAGIC = b"\x1f\x8b"
 
 
@@ -142,4 +144,9 @@ def _price(cell: str, where: str, ticker: str) -> float:
         raise PriceFileError(f"{where}, column '{ticker}': '{text}' is not a number") from None
     if not (price > 0.0 and math.isfinite(price)):
         raise PriceFileError(f"{where}, column '{ticker}': {text} is not a positive price")
+    if not LEAST_PRICE <= price <= GREATEST_PRICE:
+        raise PriceFileError(
+            f"{where}, column '{ticker}': {text} is no plausible price "
+            f"({LEAST_PRICE:g} to {GREATEST_PRICE:g})"
+        )
     return price

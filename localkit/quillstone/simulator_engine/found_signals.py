@@ -75,19 +75,14 @@ class FoundSignalStore:
         self, expression_type: str | None = None, named_universe: str | None = None
     ) -> list[str]:
         """Ids in the order of acceptance, of one kind of expression and universe or of all."""
-        return [
-            signal.signal_id
-            for signal in tuple(self.found_signal_pool.values())
-            if expression_type in (None, signal.expression_type)
-            and named_universe in (None, signal.metadata.get("named_universe"))
-        ]
+        return [s.signal_id for s in self._found(expression_type, named_universe)]
 
     def rivals(self, run: Any) -> list[str]:
         """Ids that a run has to differ from: its kind and universe, never the very same graph."""
         return [
-            signal_id
-            for signal_id in self.found_ids(run.expression_type, run.named_universe)
-            if self.found_signal_pool[signal_id].metadata.get("graph_hash") != run.graph_hash
+            signal.signal_id
+            for signal in self._found(run.expression_type, run.named_universe)
+            if signal.metadata.get("graph_hash") != run.graph_hash
         ]
 
     def load(self, signal_id: str, pool_name: str | None = None) -> np.ndarray | None:
@@ -169,6 +164,23 @@ class FoundSignalStore:
             self._write(signal_id, METADATA, lambda file: file.write(text))
             signal = FoundSignal(signal_id, pool, array, json.loads(text))
             self.found_signal_pool[signal_id] = signal
+
+    def _found(self, expression_type: str | None, named_universe: str | None) -> list[FoundSignal]:
+        """Signals of a kind and universe whose files are there.
+
+        The sync sets the files aside when other prices come, whose days are not theirs; what they
+        held must not be compared with anything any more, however long ago it was read.
+        """
+        with self._lock:
+            for signal_id in tuple(self.found_signal_pool):
+                if not signal_file(self.signal_dir, signal_id, METADATA).exists():
+                    del self.found_signal_pool[signal_id]
+            return [
+                signal
+                for signal in self.found_signal_pool.values()
+                if expression_type in (None, signal.expression_type)
+                and named_universe in (None, signal.metadata.get("named_universe"))
+            ]
 
     def _write(self, signal_id: str, suffix: str, write: Callable[[Any], object]) -> None:
         write_atomically(signal_file(self.signal_dir, signal_id, suffix), write)

@@ -64,9 +64,22 @@ Object children_of(View node) {
     return truth(children) ? children : Object();
 }
 
+/// The nodes whose children were looked at, as far as they can be met again: a node that nobody but its parent's
+/// children refers to, and these nobody but the parent, is met once.
+class Expanded {
+  public:
+    /// False when the children were looked at before.
+    bool add(const Object& node, const Object& children) {
+        return (!is_shared(node) || visited_.add(node)) && (!is_shared(children) || visited_.add(children));
+    }
+
+  private:
+    Visited visited_;
+};
+
 void reject_aggregation(View graph) {
     std::vector<Object> stack{graph};
-    Visited expanded;
+    Expanded expanded;
     Steps steps;
     while (!stack.empty()) {
         steps.step();
@@ -76,7 +89,7 @@ void reject_aggregation(View graph) {
             raise<ValueError>("graph node type 'aggregation' is not allowed");
         }
         // Children that were looked at once need no second look, and a cycle ends.
-        if (const Object children = children_of(node); children.exists() && expanded.add(node)) {
+        if (const Object children = children_of(node); children.exists() && expanded.add(node, children)) {
             for (Object child : each(children)) {
                 stack.push_back(std::move(child));
             }
@@ -98,7 +111,7 @@ bool has_filtration(View graph) {
     constexpr Name own_name = "_has_filtration_runtime_graph"_name;
     const Object graph_node = graph_node_class();
     std::vector<Each> branches;
-    Visited expanded;
+    Expanded expanded;
     Steps steps;
     const auto found_in = [&](const Object& node) {
         if (!is_instance(node, graph_node)) {
@@ -107,7 +120,7 @@ bool has_filtration(View graph) {
         if (has_type(node, "filtration"_name)) {
             return true;
         }
-        if (const Object children = children_of(node); children.exists() && expanded.add(node)) {
+        if (const Object children = children_of(node); children.exists() && expanded.add(node, children)) {
             branches.push_back(each(children));
         }
         return false;

@@ -165,7 +165,7 @@ void finally(Body&& body, CleanUp&& clean_up) {
 
 /// Runs `body` as a function of its own in tracebacks.
 template <class Body>
-auto in_frame(Name name, Body&& body, Here where = Here::current()) -> decltype(body()) {
+auto in_frame(View name, Body&& body, Here where = Here::current()) -> decltype(body()) {
     try {
         return body();
     } catch (Raised& raised) {

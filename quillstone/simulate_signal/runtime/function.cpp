@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -50,7 +51,9 @@ View no_default() noexcept {
 /// The arguments of one call, bound to the parameters.
 class Binding {
   public:
-    explicit Binding(const FunctionObject& function) noexcept : function_(function) {}
+    explicit Binding(const FunctionObject& function) noexcept : function_(function) {
+        std::uninitialized_fill_n(bound_, function.named, View());
+    }
 
     /// False when the arguments do not fit; nothing is raised yet.
     bool bind(PyObject* const* arguments, Py_ssize_t given, PyObject* keyword_names) {
@@ -146,7 +149,9 @@ class Binding {
     }
 
     const FunctionObject& function_;
-    View bound_[most_parameters];
+    union {
+        View bound_[most_parameters]; // as many as the function has
+    };
     Object rest_;
     Object keywords_;
 };
@@ -164,7 +169,7 @@ PyObject* call_function(PyObject* self, PyObject* const* arguments, std::size_t 
     const FunctionObject& function = function_of(self);
     PyObject* result = nullptr;
     try {
-        const RecursionLevel level(calls_under_way());
+        const RecursionLevel level(calls_under_way);
         const Py_ssize_t given = PyVectorcall_NARGS(flags);
         static_assert(sizeof(View) == sizeof(PyObject*));
         if (keyword_names == nullptr && given == function.positional && given == function.named &&
@@ -416,6 +421,28 @@ Object make_function(const Definition& definition, const char* owner) {
     }
     return made;
 }
+
+namespace detail {
+
+Object call_bound(View function, std::span<PyObject*> stack, Here where) {
+    PyObject* const* arguments = stack.data() + 1;
+    const std::size_t given = stack.size() - 1;
+    if (Py_IS_TYPE(function.get(), function_type)) {
+        const FunctionObject& own = function_of(function.get());
+        if (own.named == std::ssize(stack) - 1 && !own.takes_rest && !own.takes_keywords) {
+            const RecursionLevel level(calls_under_way, where);
+            return in_frame(
+                View(own.name), [&] { return own.native(reinterpret_cast<const View*>(arguments)); }, where);
+        }
+    }
+    return owned(enter([&] {
+                     return PyObject_Vectorcall(function.get(), arguments, given | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                                nullptr);
+                 }),
+                 where);
+}
+
+} // namespace detail
 
 Native native_of(View function) noexcept {
     return Py_IS_TYPE(function.get(), function_type) ? function_of(function.get()).native : nullptr;

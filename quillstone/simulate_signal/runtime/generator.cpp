@@ -48,7 +48,7 @@ bool refuse_if_running(const GeneratorObject& generator) noexcept {
 
 Object next_value(GeneratorObject& generator) {
     try {
-        const RecursionLevel level(calls_under_way());
+        const RecursionLevel level(calls_under_way);
         return generator.producer->next();
     } catch (Raised& raised) {
         if (raised.matches(StopIteration::type())) {

@@ -24,6 +24,9 @@ inline void set_global(Name name, bool value, Here where = Here::current()) {
 
 namespace detail {
 
+/// A call that stays in C++ when the function is the module's own and takes just these arguments.
+Object call_bound(View function, std::span<PyObject*> stack, Here where);
+
 template <std::size_t>
 using Argument = View;
 
@@ -34,7 +37,8 @@ class LateBound<std::index_sequence<Index...>> {
   public:
     constexpr explicit LateBound(Name name) noexcept : name_(name) {}
     Object operator()(Argument<Index>... arguments, Here where = Here::current()) const {
-        return call(Target(global(name_, where), where), arguments...);
+        PyObject* stack[] = {nullptr, arguments.get()...};
+        return call_bound(global(name_, where), stack, where);
     }
 
   private:

@@ -13,9 +13,17 @@ bool compare(View left, View right, int operation, Here where) {
     return truth(result, where);
 }
 
+/// Whether an object is of one of the types that data is mostly made of, which claim to be no other.
+bool is_plain(View object) noexcept {
+    PyObject* plain = object.get();
+    return PyUnicode_CheckExact(plain) || PyFloat_CheckExact(plain) || PyLong_CheckExact(plain) ||
+           PyDict_CheckExact(plain) || PyList_CheckExact(plain) || PyTuple_CheckExact(plain) || PyBool_Check(plain) ||
+           object.is_none();
+}
+
 /// `isinstance(object, type)` for a built-in type: an object may also claim to be one through `__class__`.
 bool is_builtin(bool derived, View object, PyTypeObject& type, Here where) {
-    return derived || is_instance(object, reinterpret_cast<PyObject*>(&type), where);
+    return derived || (!is_plain(object) && is_instance(object, reinterpret_cast<PyObject*>(&type), where));
 }
 
 Object from(PyTypeObject& type, View argument, Here where) {
@@ -31,6 +39,10 @@ Object attr_or(View object, View name, View fallback, Here where) {
 }
 
 bool equals(View left, View right, Here where) {
+    // Most comparisons of the rules are of a text with a name.
+    if (PyUnicode_CheckExact(right.get()) && (PyUnicode_CheckExact(left.get()) || left.is_none())) {
+        return left.is(right) || (!left.is_none() && PyUnicode_Compare(left.get(), right.get()) == 0);
+    }
     return compare(left, right, Py_EQ, where);
 }
 bool differs(View left, View right, Here where) {
@@ -185,8 +197,44 @@ Object Each::next() {
     }
 }
 
+Items::Items(View mapping, Here where) : where_(where) {
+    if (PyDict_CheckExact(mapping.get())) {
+        dict_ = mapping;
+        size_ = PyDict_GET_SIZE(mapping.get());
+        left_ = size_;
+    } else {
+        items_.emplace(method(Target(mapping, where), "items"_name), where);
+    }
+}
+
+bool Items::next_of_dict(Object& key, Object& value) {
+    // With the errors of the dictionary's own iterator.
+    if (PyDict_GET_SIZE(dict_.get()) != size_) {
+        size_ = -1;
+        raise_with_message(RuntimeError::type(), format("dictionary changed size during iteration"), where_);
+    }
+    PyObject* next_key = nullptr;
+    PyObject* next_value = nullptr;
+    if (left_ == 0 || PyDict_Next(dict_.get(), &position_, &next_key, &next_value) == 0) {
+        if (left_ != 0) {
+            raise_with_message(RuntimeError::type(), format("dictionary keys changed during iteration"), where_);
+        }
+        return false;
+    }
+    --left_;
+    // What the caller held before goes last: its release may change the dictionary.
+    Object found_key = View(next_key);
+    Object found_value = View(next_value);
+    key = std::move(found_key);
+    value = std::move(found_value);
+    return true;
+}
+
 bool Items::next(Object& key, Object& value) {
-    const Object pair = items_.next();
+    if (!items_) {
+        return next_of_dict(key, value);
+    }
+    const Object pair = items_->next();
     if (!pair.exists()) {
         return false;
     }
@@ -234,16 +282,6 @@ void check_depth(std::ptrdiff_t depth, Here where) {
     if (depth > Py_GetRecursionLimit()) {
         raise_with_message(RecursionError::type(), format("maximum recursion depth exceeded"), where);
     }
-}
-
-int& calls_under_way() noexcept {
-    thread_local constinit int calls = 0;
-    return calls;
-}
-
-RecursionLevel::RecursionLevel(int& depth, Here where) : depth_(depth) {
-    check_depth(depth + 1, where);
-    ++depth_;
 }
 
 namespace {

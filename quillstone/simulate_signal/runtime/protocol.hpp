@@ -3,6 +3,7 @@
 #include "quillstone/simulate_signal/runtime/call.hpp"
 
 #include <array>
+#include <optional>
 #include <span>
 
 namespace quillstone::runtime {
@@ -223,13 +224,19 @@ inline Each each(View iterable, Here where = Here::current()) {
 /// `for key, value in mapping.items()`
 class Items {
   public:
-    Items(View mapping, Here where) : items_(method(Target(mapping, where), "items"_name), where), where_(where) {}
+    Items(View mapping, Here where);
 
     /// Reads the next pair; false at the end.
     bool next(Object& key, Object& value);
 
   private:
-    Each items_;
+    bool next_of_dict(Object& key, Object& value);
+
+    std::optional<Each> items_; // of anything but an exact dictionary, which is read in place
+    Object dict_;
+    Py_ssize_t position_ = 0;
+    Py_ssize_t size_ = 0;
+    Py_ssize_t left_ = 0;
     Here where_;
 };
 inline Items items(View mapping, Here where = Here::current()) {
@@ -267,10 +274,19 @@ class Steps {
     unsigned count_ = 0;
 };
 
-/// One level of a recursive rule. Deeper than Python's own functions could call each other is a `RecursionError`.
+/// Raises `RecursionError` when that many levels are more than Python's own functions could call each other.
+void check_depth(std::ptrdiff_t depth, Here where = Here::current());
+
+/// One level of a recursive rule.
 class RecursionLevel {
   public:
-    explicit RecursionLevel(int& depth, Here where = Here::current());
+    explicit RecursionLevel(int& depth, Here where = Here::current()) : depth_(depth) {
+        constexpr int surely_allowed = 100;
+        if (depth >= surely_allowed) [[unlikely]] {
+            check_depth(depth + 1, where);
+        }
+        ++depth;
+    }
     RecursionLevel(const RecursionLevel&) = delete;
     RecursionLevel& operator=(const RecursionLevel&) = delete;
     RecursionLevel(RecursionLevel&&) = delete;
@@ -280,11 +296,10 @@ class RecursionLevel {
   private:
     int& depth_;
 };
+
 /// How deep the thread is in calls of this module's functions and generators. Rebound to each other they could recurse
 /// without end, and the interpreter's own count for C code allows more of them than fit on the stack.
-int& calls_under_way() noexcept;
-/// Raises `RecursionError` when that many levels are too deep.
-void check_depth(std::ptrdiff_t depth, Here where = Here::current());
+inline thread_local constinit int calls_under_way = 0;
 
 /// Calls a context manager's `__exit__`; true when it swallows the error. A lock is let go also when memory is too
 /// short for that call.

@@ -7,6 +7,11 @@
 
 namespace quillstone::runtime {
 
+/// Whether anybody holds the object besides one container and the caller.
+inline bool is_shared(View object) noexcept {
+    return Py_REFCNT(object.get()) > 2;
+}
+
 /// The objects that a walk has been through, by identity. They are kept alive, so that none of them can be taken for
 /// a new object at the same address.
 class Visited {

@@ -28,7 +28,10 @@ Object freshness_state(View guard) {
 }
 
 bool is_artifact_path(View path, View named_universe) {
-    const Object normalized = method(text(path), "replace"_name, "\\"_name, "/"_name);
+    Object normalized = text(path);
+    if (contains(normalized, "\\"_name)) {
+        normalized = method(normalized, "replace"_name, "\\"_name, "/"_name);
+    }
     if (!ends_with(normalized, "/vocabulary.json"_name)) {
         return false;
     }

@@ -16,6 +16,13 @@ double finite_or_zero(double value) noexcept {
     return std::abs(value) <= std::numeric_limits<double>::max() ? value : 0.0;
 }
 
+/// A weight of the source, which need not be aligned.
+double weight_at(const std::byte* place) noexcept {
+    double weight = 0.0;
+    std::memcpy(&weight, place, sizeof(weight));
+    return weight;
+}
+
 /// The sum of the absolute values, in the order in which NumPy adds up a contiguous row: pairwise over blocks of at
 /// most 128, with eight running sums in a block. Any other order would differ in the last bits.
 double gross_of(const double* weights, std::size_t count) noexcept {
@@ -85,16 +92,13 @@ class Finalizer {
   private:
     void copy_row(const std::byte* source, Py_ssize_t stride, std::size_t count) noexcept {
         if (stride == sizeof(double)) {
-            std::memcpy(target_, source, count * sizeof(double));
             for (std::size_t index = 0; index < count; ++index) {
-                target_[index] = finite_or_zero(target_[index]);
+                target_[index] = finite_or_zero(weight_at(source + index * sizeof(double)));
             }
             return;
         }
         for (std::size_t index = 0; index < count; ++index, source += stride) {
-            double value = 0.0; // The source need not be aligned.
-            std::memcpy(&value, source, sizeof(value));
-            target_[index] = finite_or_zero(value);
+            target_[index] = finite_or_zero(weight_at(source));
         }
     }
 
