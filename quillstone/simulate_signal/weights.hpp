@@ -9,7 +9,7 @@ namespace quillstone::simulate_signal {
 using namespace runtime;
 
 // Transform stages (weights/stages.cpp).
-inline constexpr ModuleFunction<2> stage_value{"_stage_value"_name};
+inline constexpr ModuleFunction<3> stage_value{"_stage_value"_name};
 inline constexpr ModuleFunction<2> resolved_stage_option{"_resolved_stage_option"_name};
 inline constexpr ModuleFunction<2> option_uses_rescale{"_option_uses_rescale"_name};
 inline constexpr ModuleFunction<2> pipeline_applies_rescale{"_pipeline_applies_rescale"_name};

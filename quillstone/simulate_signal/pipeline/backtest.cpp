@@ -78,7 +78,7 @@ bool is_stopped(const Run& run) {
 /// `stats.turnover`, else `stats.avg_turnover`, else 0.0
 Object turnover_of(View stats) {
     for (const Name field : {"turnover"_name, "avg_turnover"_name}) {
-        if (Object turnover = stage_value(stats, field); !turnover.is_none()) {
+        if (Object turnover = stage_value(stats, field, none()); !turnover.is_none()) {
             return turnover;
         }
     }

@@ -49,7 +49,7 @@ void bootstrap_validator() {
 
 bool any_default_per_pool(View transform_pipeline) {
     for (const Object stage : each(transform_pipeline)) {
-        if (truth(stage_value(stage, "per_pool_default"_name))) {
+        if (truth(stage_value(stage, "per_pool_default"_name, none()))) {
             return true;
         }
     }

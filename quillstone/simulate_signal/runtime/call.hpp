@@ -139,7 +139,10 @@ Object dict_of(const Entries&... entries) {
 
 template <class... Items>
 Object tuple_of(const Items&... items) {
-    return owned(PyTuple_Pack(sizeof...(items), View(items).get()...), Here::current());
+    Object tuple = owned(PyTuple_New(sizeof...(items)), Here::current());
+    Py_ssize_t index = 0;
+    (PyTuple_SET_ITEM(tuple.get(), index++, Py_NewRef(View(items).get())), ...);
+    return tuple;
 }
 
 template <class... Items>

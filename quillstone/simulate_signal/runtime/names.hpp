@@ -20,12 +20,20 @@ class InternedName {
     explicit InternedName(const char* text) noexcept;
     [[nodiscard]] PyObject* object() const noexcept { return object_; }
 
+    /// What the module variable of that name was bound to while the module's dictionary was in a certain state.
+    struct Binding {
+        PyObject* value = nullptr; // borrowed: the dictionary keeps it until its state changes
+        unsigned long state = 0;
+    };
+    [[nodiscard]] Binding& binding() const noexcept { return binding_; }
+
     /// Makes every name's string object. False with the error set when memory runs out.
     [[nodiscard]] static bool intern_all() noexcept;
 
   private:
     const char* text_;
     PyObject* object_ = nullptr;
+    mutable Binding binding_;
     InternedName* next_ = nullptr;
     static inline constinit InternedName* first_ = nullptr;
 };
@@ -39,6 +47,7 @@ class Name {
     constexpr explicit Name(const InternedName* name) noexcept : name_(name) {}
     operator View() const noexcept { return {name_->object()}; }
     [[nodiscard]] PyObject* get() const noexcept { return name_->object(); }
+    [[nodiscard]] InternedName::Binding& binding() const noexcept { return name_->binding(); }
 
   private:
     const InternedName* name_;

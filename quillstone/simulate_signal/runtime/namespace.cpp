@@ -8,14 +8,30 @@ void Namespace::bind(View dict) noexcept {
     // Never released: threads may still run in the module when the interpreter takes it down.
     Py_XINCREF(dict.get());
     dict_ = dict.get();
+    state_ = 0;
+    if (dict_ != nullptr) {
+        const int watcher = PyDict_AddWatcher(note_change);
+        if (watcher >= 0 && PyDict_Watch(watcher, dict_) == 0) {
+            state_ = 1;
+        } else {
+            enter([] { PyErr_Clear(); }); // Others watch already as much as can be watched: look up every time.
+        }
+    }
 }
 
-Object global(Name name, Here where) {
+int Namespace::note_change(PyDict_WatchEvent /*event*/, PyObject* /*dict*/, PyObject* /*key*/,
+                           PyObject* /*value*/) noexcept {
+    ++state_;
+    return 0;
+}
+
+Object look_up_global(Name name, Here where) {
     PyObject* value = nullptr;
     checked(enter([&] { return PyDict_GetItemRef(Namespace::dict().get(), name.get(), &value); }), where);
     if (value == nullptr) [[unlikely]] {
         raise_with_message(NameError::type(), format("name {} is not defined", repr(name, where)), where);
     }
+    name.binding() = {.value = value, .state = Namespace::state()};
     return Object::steal(value);
 }
 

@@ -10,13 +10,26 @@ class Namespace {
     [[nodiscard]] static View dict() noexcept { return {dict_}; }
     /// Called at load; null when a load failed and is undone. The dictionary stays alive with the process.
     static void bind(View dict) noexcept;
+    /// The number of the dictionary's state, which every change of it makes another one; zero while nobody watches it.
+    [[nodiscard]] static unsigned long state() noexcept { return state_; }
 
   private:
+    static int note_change(PyDict_WatchEvent event, PyObject* dict, PyObject* key, PyObject* value) noexcept;
+
     static inline constinit PyObject* dict_ = nullptr;
+    static inline constinit unsigned long state_ = 0;
 };
 
+Object look_up_global(Name name, Here where);
+
 /// The module variable of that name as it is bound now: callers and tests rebind them at run time.
-Object global(Name name, Here where = Here::current());
+inline Object global(Name name, Here where = Here::current()) {
+    const InternedName::Binding& known = name.binding();
+    if (known.state == Namespace::state() && known.state != 0) [[likely]] {
+        return View(known.value);
+    }
+    return look_up_global(name, where);
+}
 void set_global(Name name, View value, Here where = Here::current());
 inline void set_global(Name name, bool value, Here where = Here::current()) {
     set_global(name, boolean(value), where);

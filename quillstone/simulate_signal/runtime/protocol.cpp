@@ -79,6 +79,9 @@ bool is_mapping(View object, Here where) {
 }
 
 Object to_int(View object, Here where) {
+    if (PyLong_CheckExact(object.get())) {
+        return object;
+    }
     return from(PyLong_Type, object, where);
 }
 Object to_float(View object, Here where) {

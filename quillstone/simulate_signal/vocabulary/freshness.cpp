@@ -39,7 +39,7 @@ bool is_artifact_path(View path, View named_universe) {
         return true;
     }
     // With a leading separator a relative path that starts with the universe's directory matches, too.
-    return contains(format("/{}", normalized), format("/{}/", text(named_universe)));
+    return contains(add("/"_name, normalized), add(add("/"_name, text(named_universe)), "/"_name));
 }
 
 bool refreshed(View before_state, View after_state, View named_universe) {

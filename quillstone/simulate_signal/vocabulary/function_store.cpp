@@ -144,32 +144,54 @@ class VocabularyWalk final : public Producer {
 
     Object next() override {
         for (;;) {
-            if (payloads_ != nullptr) {
-                if (Object found = payloads_->next(); found.exists()) {
-                    return found;
-                }
-                payloads_ = nullptr;
+            if (Object found = next_of_section(); found.exists()) {
+                return found;
             }
             if (section_ == sections.size()) {
                 return {};
             }
             const Section& section = sections.at(section_++);
             const Object tree = get(vocabulary_, section.key);
-            payloads_ = std::make_unique<Each>(each(call(global(walk_name), tree, section.default_type, tuple_of())));
+            if (is_bound_to<walk_payloads>(walk_name)) {
+                walk_ = std::make_unique<TreeWalk>(tree, section.default_type, tuple_of());
+            } else {
+                rebound_ =
+                    std::make_unique<Each>(each(call(global(walk_name), tree, section.default_type, tuple_of())));
+            }
         }
     }
 
     void show(const References& references) const override {
         references(vocabulary_);
-        if (payloads_ != nullptr) {
-            references(payloads_->source());
+        if (walk_ != nullptr) {
+            walk_->show(references);
+        }
+        if (rebound_ != nullptr) {
+            references(rebound_->source());
         }
     }
 
   private:
+    /// The next payload of the section under way; empty at its end.
+    Object next_of_section() {
+        if (walk_ != nullptr) {
+            if (Object found = walk_->next(); found.exists()) {
+                return found;
+            }
+            walk_ = nullptr;
+        } else if (rebound_ != nullptr) {
+            if (Object found = rebound_->next(); found.exists()) {
+                return found;
+            }
+            rebound_ = nullptr;
+        }
+        return {};
+    }
+
     Object vocabulary_;
     std::size_t section_ = 0;
-    std::unique_ptr<Each> payloads_;
+    std::unique_ptr<TreeWalk> walk_;
+    std::unique_ptr<Each> rebound_; // in place of the module's own walk
 };
 
 Object iterate_payloads(View raw_vocabulary) {

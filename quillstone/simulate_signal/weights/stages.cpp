@@ -22,11 +22,11 @@ bool is_rescaling(View transform) {
 }
 
 Object option_in_force(View stage, View metaparameters) {
-    const Object name = stage_value(stage, "name"_name);
+    const Object name = stage_value(stage, "name"_name, none());
     if (is_dict(metaparameters) && contains(metaparameters, name)) {
         return item(metaparameters, name);
     }
-    return stage_value(stage, "default"_name);
+    return stage_value(stage, "default"_name, none());
 }
 
 /// A part of a composite option: the name of a transform, or a dictionary that names one.
@@ -78,7 +78,7 @@ bool applies_rescale(View transform_pipeline, View metaparameters) {
     }
     for (const Object stage : each(transform_pipeline)) {
         const Object option = resolved_stage_option(stage, metaparameters);
-        const Object configs = stage_value(stage, "option_configs"_name);
+        const Object configs = stage_value(stage, "option_configs"_name, none());
         const Object config = is_dict(configs) ? get(configs, option) : Object(none());
         if (truth(option_uses_rescale(option, config))) {
             return true;
