@@ -30,10 +30,10 @@ Object finite_metric(View value, View fallback) {
 
 bool usable_mi_score(View value) {
     // The exact types: a bool is no number here, and neither are other numeric types.
-    if (PyFloat_CheckExact(value.get())) {
+    if (type_of(value).is(float_type())) {
         return !std::isnan(as_double(value));
     }
-    if (!PyLong_CheckExact(value.get())) {
+    if (!type_of(value).is(int_type())) {
         return false;
     }
     try {

@@ -1,13 +1,11 @@
+#include "quillstone/simulate_signal/runtime/module.hpp"
 #include "quillstone/simulate_signal/era_config.hpp"
 #include "quillstone/simulate_signal/gates.hpp"
 #include "quillstone/simulate_signal/interface.hpp"
 #include "quillstone/simulate_signal/options.hpp"
 #include "quillstone/simulate_signal/pipeline.hpp"
-#include "quillstone/simulate_signal/runtime/runtime.hpp"
 #include "quillstone/simulate_signal/vocabulary.hpp"
 #include "quillstone/simulate_signal/weights.hpp"
-
-#include <new>
 
 namespace quillstone::simulate_signal {
 
@@ -41,71 +39,12 @@ void define_everything(View dict) {
                                        "init_simulate_signal"_name, "simulate_signal"_name, "simulate_strategy"_name));
 }
 
-// The one module object of the process. A second import is handed this object as it stands.
-PyObject* the_module = nullptr;
-
-PyObject* create(PyObject* spec, PyModuleDef* /*definition*/) {
-    if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
-        PyErr_SetString(PyExc_ImportError,
-                        "quillstone.simulate_signal can be loaded into the main interpreter of a process only");
-        return nullptr;
-    }
-    if (the_module != nullptr) {
-        return Py_NewRef(the_module);
-    }
-    PyObject* name = enter([&] { return PyObject_GetAttrString(spec, "name"); });
-    PyObject* module = name == nullptr ? nullptr : PyModule_NewObject(name);
-    enter([&] { Py_XDECREF(name); });
-    return module;
-}
-
-int execute(PyObject* module) {
-    if (module == the_module) {
-        return 0;
-    }
-    Namespace::bind(PyModule_GetDict(module));
-    try {
-        if (!InternedName::intern_all()) {
-            raise_current(Here::current());
-        }
-        prepare_function_type();
-        prepare_generator_type();
-        prepare_breathing();
-        define_everything(Namespace::dict());
-    } catch (Raised& raised) {
-        raised.restore();
-        return -1;
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-        return -1;
-    }
-    the_module = Py_NewRef(module);
-    return 0;
-}
-
-PyModuleDef_Slot slots[] = {
-    {Py_mod_create, reinterpret_cast<void*>(create)},
-    {Py_mod_exec, reinterpret_cast<void*>(execute)},
-    {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
-    {0, nullptr},
-};
-
-PyModuleDef definition = {
-    .m_base = PyModuleDef_HEAD_INIT,
-    .m_name = "quillstone.simulate_signal",
-    .m_doc = module_doc,
-    .m_size = 0,
-    .m_methods = nullptr,
-    .m_slots = slots,
-    .m_traverse = nullptr,
-    .m_clear = nullptr,
-    .m_free = nullptr,
-};
+constexpr ModuleSource source{"quillstone.simulate_signal", module_doc, define_everything};
 
 } // namespace
 
 } // namespace quillstone::simulate_signal
 
 PyMODINIT_FUNC PyInit_simulate_signal() {
-    return PyModuleDef_Init(&quillstone::simulate_signal::definition);
+    return quillstone::runtime::module_definition(quillstone::simulate_signal::source);
 }

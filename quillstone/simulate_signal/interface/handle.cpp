@@ -76,8 +76,7 @@ Object new_event() {
 Object next_status(View self, View phase, View progress, View message) {
     const Object era_id = attr(attr(self, "_status"_name), "era_id"_name);
     const Object elapsed = seconds_since_start(self);
-    return call(global("SimulationStatus"_name), "phase"_kw = phase, "progress"_kw = progress, "message"_kw = message,
-                "era_id"_kw = era_id, "elapsed_s"_kw = elapsed);
+    return call(global("SimulationStatus"_name), phase, progress, message, era_id, elapsed);
 }
 
 void init(View self, View graph, View named_universe, View expression_type, View metaparameters,

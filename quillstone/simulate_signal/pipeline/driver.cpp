@@ -137,8 +137,7 @@ void run_pipeline(View handle) {
                 run.handle = handle;
                 run_phases(run);
             } catch (const std::bad_alloc&) {
-                PyErr_NoMemory();
-                raise_current(Here::current());
+                raise_no_memory();
             }
         });
     } catch (Raised& raised) {

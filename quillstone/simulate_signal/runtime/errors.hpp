@@ -29,6 +29,12 @@ struct Raised {
 /// Throws the interpreter's current error as `Raised`.
 [[noreturn]] void raise_current(Here where);
 
+/// Raises `MemoryError`, for a C++ allocation that failed.
+[[noreturn]] inline void raise_no_memory(Here where = Here::current()) {
+    PyErr_NoMemory();
+    raise_current(where);
+}
+
 inline Object owned(PyObject* result, Here where) {
     if (result == nullptr) [[unlikely]] {
         raise_current(where);

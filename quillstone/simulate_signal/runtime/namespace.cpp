@@ -10,7 +10,11 @@ void Namespace::bind(View dict) noexcept {
     dict_ = dict.get();
     state_ = 0;
     if (dict_ != nullptr) {
-        const int watcher = PyDict_AddWatcher(note_change);
+        // One watcher serves every attempt to load the module.
+        static int watcher = -1;
+        if (watcher < 0) {
+            watcher = PyDict_AddWatcher(note_change);
+        }
         if (watcher >= 0 && PyDict_Watch(watcher, dict_) == 0) {
             state_ = 1;
         } else {
