@@ -22,7 +22,7 @@ PRICES ?= $(SAMPLE_PRICES)
 # Where the module and the kit beside it are imported from; $(1) is the folder of the build.
 with_module = PYTHONPATH=$(abspath $(1)):$(abspath localkit)
 
-.PHONY: build demo test bench sanitize lint format clean
+.PHONY: build demo test bench torture sanitize lint format clean
 
 build: $(BUILD)/release/build.ninja
 	$(VENV)/bin/cmake --build $(BUILD)/release
@@ -37,6 +37,10 @@ demo: build $(VENV)/.demo $(filter $(SAMPLE_PRICES),$(PRICES))
 
 bench: build $(VENV)/.test
 	$(call with_module,$(BUILD)/python) $(VENV)/bin/python benchmarks/run.py
+
+# The promises of reliability, tried hard; QUICK=1 is the short form.
+torture: build $(VENV)/.test
+	$(call with_module,$(BUILD)/python) $(VENV)/bin/python torture/run.py $(if $(QUICK),--quick)
 
 # The interpreter is not instrumented: it keeps memory until it exits, hence no leak check, and its
 # own allocator would hide out-of-bounds accesses in one of its arenas. A report ends the process, so

@@ -12,9 +12,9 @@ from types import SimpleNamespace
 from typing import Any
 
 import numpy as np
+
 import plain
 import plain_handle
-
 import quillstone.simulate_signal as module
 from quillstone._runtime import sdk_era_config_from_dict
 from quillstone.function_store import FunctionStore

@@ -8,7 +8,6 @@ import time
 from dataclasses import dataclass
 
 import plain
-
 from quillstone import function_store
 from quillstone._simulate_primitives import (
     canonicalize,

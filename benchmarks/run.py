@@ -20,11 +20,11 @@ import time
 import timeit
 import tracemalloc
 
-import cases
 import numpy as np
+
+import cases
 import plain
 import plain_handle
-
 import quillstone.simulate_signal as module
 from quillstone.functions._typed_shapes import FunctionGraphNode
 

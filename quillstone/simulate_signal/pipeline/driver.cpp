@@ -113,7 +113,10 @@ void clean_up(View handle) noexcept {
         survive(give_up_hold);
     }
     for (const Name event : {"_acquire_done"_name, "_post_acquire_gate"_name, "_done_event"_name}) {
-        survive([&] { method(attr(handle, event), "set"_name); });
+        const auto set = [&] { method(attr(handle, event), "set"_name); };
+        if (!survive(set)) {
+            survive(set); // Memory may have been short for a moment; an event that stays unset could hang its waiters.
+        }
     }
 }
 
