@@ -38,9 +38,10 @@ demo: build $(VENV)/.demo $(filter $(SAMPLE_PRICES),$(PRICES))
 bench: build $(VENV)/.test
 	$(call with_module,$(BUILD)/python) $(VENV)/bin/python benchmarks/run.py
 
-# The promises of reliability, tried hard; QUICK=1 is the short form.
+# The promises of reliability, tried hard; QUICK=1 is the short form, which tries the same every time: it is to tell
+# whether a change broke something. SEED=N repeats a run of either form.
 torture: build $(VENV)/.test
-	$(call with_module,$(BUILD)/python) $(VENV)/bin/python torture/run.py $(if $(QUICK),--quick)
+	$(call with_module,$(BUILD)/python) $(VENV)/bin/python torture/run.py $(if $(QUICK),--quick) $(addprefix --seed ,$(or $(SEED),$(if $(QUICK),1)))
 
 # The interpreter is not instrumented: it keeps memory until it exits, hence no leak check, and its
 # own allocator would hide out-of-bounds accesses in one of its arenas. A report ends the process, so
