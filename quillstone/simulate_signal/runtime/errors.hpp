@@ -54,9 +54,6 @@ struct Exception {
 struct BaseException {
     static View type() noexcept { return {PyExc_BaseException}; }
 };
-struct AttributeError {
-    static View type() noexcept { return {PyExc_AttributeError}; }
-};
 struct ImportError {
     static View type() noexcept { return {PyExc_ImportError}; }
 };

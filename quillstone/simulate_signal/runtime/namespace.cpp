@@ -31,11 +31,12 @@ int Namespace::note_change(PyDict_WatchEvent /*event*/, PyObject* /*dict*/, PyOb
 
 Object look_up_global(Name name, Here where) {
     PyObject* value = nullptr;
+    const unsigned long state = Namespace::state(); // a comparison of odd keys can change the dictionary meanwhile
     checked(enter([&] { return PyDict_GetItemRef(Namespace::dict().get(), name.get(), &value); }), where);
     if (value == nullptr) [[unlikely]] {
         raise_with_message(NameError::type(), format("name {} is not defined", repr(name, where)), where);
     }
-    name.binding() = {.value = value, .state = Namespace::state()};
+    name.binding() = {.value = value, .state = state};
     return Object::steal(value);
 }
 
