@@ -5,7 +5,7 @@ namespace quillstone::simulate_signal {
 namespace {
 
 Object positive_or_none(View value) {
-    return greater(value, number(0L)) ? value : none();
+    return greater(value, 0L) ? value : none();
 }
 
 Object coerce_rule_id(View value) {
@@ -55,7 +55,7 @@ Object pool_thresholds(View pool, View rule_id) {
     }
     // One key of an older shape spoils the whole mapping, also when the wanted entry is there.
     for (const Object key : each(universes)) {
-        if (!is_int(key) || is_bool(key) || !greater(key, number(0L))) {
+        if (!is_int(key) || is_bool(key) || !greater(key, 0L)) {
             raise_object(call(global("SdkRuntimeNotReadyError"_name)));
         }
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "quillstone/simulate_signal/runtime/errors.hpp"
+#include "quillstone/simulate_signal/runtime/attributes.hpp"
 
 #include <concepts>
 #include <cstddef>
@@ -100,6 +100,9 @@ Object call(Target target, const Arguments&... arguments) {
 /// `target.name(*arguments)`
 template <class... Arguments>
 Object method(Target target, Name name, const Arguments&... arguments) {
+    if (PyModule_CheckExact(target.object.get())) {
+        return call(Target(attr(target.object, name, target.where), target.where), arguments...);
+    }
     PyObject* names = detail::keyword_names<Arguments...>(target.where);
     PyObject* stack[sizeof...(Arguments) + 1] = {target.object.get(), detail::argument(arguments)...};
     constexpr std::size_t positional = sizeof...(Arguments) - detail::keyword_count<Arguments...> + 1;

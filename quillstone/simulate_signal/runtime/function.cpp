@@ -51,9 +51,7 @@ View no_default() noexcept {
 /// The arguments of one call, bound to the parameters.
 class Binding {
   public:
-    explicit Binding(const FunctionObject& function) noexcept : function_(function) {
-        std::uninitialized_fill_n(bound_, function.named, View());
-    }
+    explicit Binding(const FunctionObject& function) noexcept : function_(function) {}
 
     /// False when the arguments do not fit; nothing is raised yet.
     bool bind(PyObject* const* arguments, Py_ssize_t given, PyObject* keyword_names) {
@@ -76,7 +74,7 @@ class Binding {
         if (function_.takes_keywords) {
             bound_[next++] = keywords_;
         }
-        return fill_defaults();
+        return fill_defaults(std::min(given, function_.positional));
     }
 
     [[nodiscard]] const View* arguments() const noexcept { return bound_; }
@@ -84,7 +82,8 @@ class Binding {
   private:
     bool take_positional(PyObject* const* arguments, Py_ssize_t given) {
         const Py_ssize_t taken = std::min(given, function_.positional);
-        std::copy_n(arguments, taken, bound_);
+        std::uninitialized_copy_n(arguments, taken, bound_);
+        std::uninitialized_fill_n(bound_ + taken, function_.named - taken, View());
         if (given == taken) {
             return true;
         }
@@ -136,8 +135,8 @@ class Binding {
         return -1;
     }
 
-    bool fill_defaults() noexcept {
-        for (Py_ssize_t place = 0; place < function_.named; ++place) {
+    bool fill_defaults(Py_ssize_t first) noexcept {
+        for (Py_ssize_t place = first; place < function_.named; ++place) {
             if (!bound_[place].exists()) {
                 bound_[place] = PyTuple_GET_ITEM(function_.defaults, place);
                 if (bound_[place].is(no_default())) {

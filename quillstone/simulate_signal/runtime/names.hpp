@@ -27,6 +27,15 @@ class InternedName {
     };
     [[nodiscard]] Binding& binding() const noexcept { return binding_; }
 
+    /// Where a class keeps the attribute of that name in its instances, if in a slot; of the class last met.
+    struct Slot {
+        PyTypeObject* type = nullptr; // compared, never used
+        unsigned version = 0;         // a class that changes gets another one
+        unsigned searches = 0;
+        Py_ssize_t offset = 0;
+    };
+    [[nodiscard]] Slot& slot() const noexcept { return slot_; }
+
     /// Makes every name's string object. False with the error set when memory runs out.
     [[nodiscard]] static bool intern_all() noexcept;
 
@@ -34,6 +43,7 @@ class InternedName {
     const char* text_;
     PyObject* object_ = nullptr;
     mutable Binding binding_;
+    mutable Slot slot_;
     InternedName* next_ = nullptr;
     static inline constinit InternedName* first_ = nullptr;
 };
@@ -48,6 +58,7 @@ class Name {
     operator View() const noexcept { return {name_->object()}; }
     [[nodiscard]] PyObject* get() const noexcept { return name_->object(); }
     [[nodiscard]] InternedName::Binding& binding() const noexcept { return name_->binding(); }
+    [[nodiscard]] InternedName::Slot& slot() const noexcept { return name_->slot(); }
 
   private:
     const InternedName* name_;

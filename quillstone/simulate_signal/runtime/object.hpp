@@ -34,9 +34,13 @@ class Object {
         return *this;
     }
     ~Object() {
-        if (object_ != nullptr) {
-            // The last release can run `__del__`, and with it anything.
-            enter([this] { Py_DECREF(object_); });
+        if (object_ == nullptr) {
+            return;
+        }
+        if (Py_REFCNT(object_) > 1) {
+            Py_DECREF(object_);
+        } else {
+            release_last(object_);
         }
     }
 
@@ -55,6 +59,11 @@ class Object {
     [[nodiscard]] bool exists() const noexcept { return object_ != nullptr; }
 
   private:
+    // The last release can run `__del__`, and with it anything.
+    [[gnu::noinline]] static void release_last(PyObject* object) noexcept {
+        enter([object] { Py_DECREF(object); });
+    }
+
     PyObject* object_ = nullptr;
 };
 

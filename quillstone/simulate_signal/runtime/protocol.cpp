@@ -2,6 +2,9 @@
 
 #include "quillstone/simulate_signal/runtime/namespace.hpp"
 
+#include <algorithm>
+#include <cstring>
+
 namespace quillstone::runtime {
 
 namespace {
@@ -13,35 +16,55 @@ bool compare(View left, View right, int operation, Here where) {
     return truth(result, where);
 }
 
-/// Whether an object is of one of the types that data is mostly made of, which claim to be no other.
-bool is_plain(View object) noexcept {
-    PyObject* plain = object.get();
-    return PyUnicode_CheckExact(plain) || PyFloat_CheckExact(plain) || PyLong_CheckExact(plain) ||
-           PyDict_CheckExact(plain) || PyList_CheckExact(plain) || PyTuple_CheckExact(plain) || PyBool_Check(plain) ||
-           object.is_none();
-}
-
-/// `isinstance(object, type)` for a built-in type: an object may also claim to be one through `__class__`.
-bool is_builtin(bool derived, View object, PyTypeObject& type, Here where) {
-    return derived || (!is_plain(object) && is_instance(object, reinterpret_cast<PyObject*>(&type), where));
-}
-
 Object from(PyTypeObject& type, View argument, Here where) {
     return call(Target(View(reinterpret_cast<PyObject*>(&type)), where), argument);
 }
 
 } // namespace
 
-Object attr_or(View object, View name, View fallback, Here where) {
-    PyObject* value = nullptr;
-    checked(enter([&] { return PyObject_GetOptionalAttr(object.get(), name.get(), &value); }), where);
-    return value != nullptr ? Object::steal(value) : Object(fallback);
+namespace detail {
+
+/// Whether an object that is of another type claims through `__class__` to be of a built-in one; those that data is
+/// mostly made of do not.
+bool claims_to_be(View object, PyTypeObject& type, Here where) {
+    PyObject* plain = object.get();
+    const bool never_claims = PyUnicode_CheckExact(plain) || PyFloat_CheckExact(plain) || PyLong_CheckExact(plain) ||
+                              PyDict_CheckExact(plain) || PyList_CheckExact(plain) || PyTuple_CheckExact(plain) ||
+                              PyBool_Check(plain) || object.is_none();
+    return !never_claims && is_instance(object, reinterpret_cast<PyObject*>(&type), where);
+}
+
+} // namespace detail
+
+namespace {
+
+std::size_t units(View text) noexcept {
+    return static_cast<std::size_t>(PyUnicode_GET_LENGTH(text.get()));
+}
+
+bool is_same_text(View left, View right) noexcept {
+    // Equal texts are kept alike.
+    const auto kind = PyUnicode_KIND(left.get());
+    return left.is(right) ||
+           (kind == PyUnicode_KIND(right.get()) && units(left) == units(right) &&
+            std::memcmp(PyUnicode_DATA(left.get()), PyUnicode_DATA(right.get()), units(left) * kind) == 0);
+}
+
+} // namespace
+
+int compare_texts(View left, View right) noexcept {
+    if (PyUnicode_KIND(left.get()) != PyUnicode_1BYTE_KIND || PyUnicode_KIND(right.get()) != PyUnicode_1BYTE_KIND) {
+        return PyUnicode_Compare(left.get(), right.get());
+    }
+    const int order = std::memcmp(PyUnicode_1BYTE_DATA(left.get()), PyUnicode_1BYTE_DATA(right.get()),
+                                  std::min(units(left), units(right)));
+    return order != 0 ? order : (units(left) > units(right)) - (units(left) < units(right));
 }
 
 bool equals(View left, View right, Here where) {
     // Most comparisons of the rules are of a text with a name.
     if (PyUnicode_CheckExact(right.get()) && (PyUnicode_CheckExact(left.get()) || left.is_none())) {
-        return left.is(right) || (!left.is_none() && PyUnicode_Compare(left.get(), right.get()) == 0);
+        return !left.is_none() && is_same_text(left, right);
     }
     return compare(left, right, Py_EQ, where);
 }
@@ -51,28 +74,15 @@ bool differs(View left, View right, Here where) {
 bool greater(View left, View right, Here where) {
     return compare(left, right, Py_GT, where);
 }
+bool greater(View left, long right, Here where) {
+    if (PyLong_CheckExact(left.get())) {
+        int beyond = 0;
+        const long value = PyLong_AsLongAndOverflow(left.get(), &beyond);
+        return beyond > 0 || (beyond == 0 && value > right);
+    }
+    return greater(left, number(right, where), where);
+}
 
-bool is_dict(View object, Here where) {
-    return is_builtin(PyDict_Check(object.get()), object, PyDict_Type, where);
-}
-bool is_list(View object, Here where) {
-    return is_builtin(PyList_Check(object.get()), object, PyList_Type, where);
-}
-bool is_tuple(View object, Here where) {
-    return is_builtin(PyTuple_Check(object.get()), object, PyTuple_Type, where);
-}
-bool is_str(View object, Here where) {
-    return is_builtin(PyUnicode_Check(object.get()), object, PyUnicode_Type, where);
-}
-bool is_bool(View object, Here where) {
-    return is_builtin(PyBool_Check(object.get()), object, PyBool_Type, where);
-}
-bool is_int(View object, Here where) {
-    return is_builtin(PyLong_Check(object.get()), object, PyLong_Type, where);
-}
-bool is_bytes(View object, Here where) {
-    return is_builtin(PyBytes_Check(object.get()), object, PyBytes_Type, where);
-}
 bool is_mapping(View object, Here where) {
     return is_dict(object, where) ||
            is_instance(object, import_from("collections.abc"_name, "Mapping"_name, where), where);
@@ -82,9 +92,15 @@ Object to_int(View object, Here where) {
     if (PyLong_CheckExact(object.get())) {
         return object;
     }
+    if (PyUnicode_CheckExact(object.get())) {
+        return owned(PyLong_FromUnicodeObject(object.get(), 10), where);
+    }
     return from(PyLong_Type, object, where);
 }
 Object to_float(View object, Here where) {
+    if (PyFloat_CheckExact(object.get())) {
+        return object;
+    }
     return owned(enter([&] { return PyNumber_Float(object.get()); }), where);
 }
 bool ends_with(View text, View ending, Here where) {
@@ -105,27 +121,25 @@ Object to_dict(View mapping, Here where) {
 
 namespace {
 
-/// The value under a key of an exact dictionary; empty when there is none.
-Object value_in(View dict, View key, Here where) {
+/// The value under a key of an exact dictionary.
+Object value_in(View dict, View key, View fallback, Here where) {
     PyObject* value = nullptr;
     checked(enter([&] { return PyDict_GetItemRef(dict.get(), key.get(), &value); }), where);
-    return Object::steal(value);
+    return value != nullptr ? Object::steal(value) : Object(fallback);
 }
 
 } // namespace
 
 Object get(View mapping, View key, Here where) {
     if (PyDict_CheckExact(mapping.get())) {
-        Object value = value_in(mapping, key, where);
-        return value.exists() ? value : Object(none());
+        return value_in(mapping, key, none(), where);
     }
     return method(Target(mapping, where), "get"_name, key);
 }
 
 Object get(View mapping, View key, View fallback, Here where) {
     if (PyDict_CheckExact(mapping.get())) {
-        Object value = value_in(mapping, key, where);
-        return value.exists() ? value : Object(fallback);
+        return value_in(mapping, key, fallback, where);
     }
     return method(Target(mapping, where), "get"_name, key, fallback);
 }
@@ -172,32 +186,21 @@ void unpack_into(View iterable, std::span<Object> items, Here where) {
 } // namespace detail
 
 Each::Each(View iterable, Here where) : source_(iterable), where_(where) {
-    if (PyList_CheckExact(iterable.get())) {
-        kind_ = Kind::list;
-    } else if (PyTuple_CheckExact(iterable.get())) {
-        kind_ = Kind::tuple;
+    if (PyList_CheckExact(iterable.get()) || PyTuple_CheckExact(iterable.get())) {
+        kind_ = Kind::array;
+        PyObject* const* items = PySequence_Fast_ITEMS(iterable.get());
+        std::for_each_n(items, std::min(ahead, Py_SIZE(iterable.get())), fetch);
     } else {
         source_ = owned(enter([&] { return PyObject_GetIter(iterable.get()); }), where);
     }
 }
 
-Object Each::next() {
-    switch (kind_) {
-    case Kind::list:
-        // The list may have changed since the last step.
-        return index_ < PyList_GET_SIZE(source_.get()) ? Object(View(PyList_GET_ITEM(source_.get(), index_++)))
-                                                       : Object();
-    case Kind::tuple:
-        return index_ < PyTuple_GET_SIZE(source_.get()) ? Object(View(PyTuple_GET_ITEM(source_.get(), index_++)))
-                                                        : Object();
-    default: {
-        PyObject* item = enter([this] { return PyIter_Next(source_.get()); });
-        if (item == nullptr && PyErr_Occurred() != nullptr) {
-            raise_current(where_);
-        }
-        return Object::steal(item);
+Object Each::next_of_iterator() {
+    PyObject* item = enter([this] { return PyIter_Next(source_.get()); });
+    if (item == nullptr && PyErr_Occurred() != nullptr) {
+        raise_current(where_);
     }
-    }
+    return Object::steal(item);
 }
 
 Items::Items(View mapping, Here where) : where_(where) {

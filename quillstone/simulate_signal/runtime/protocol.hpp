@@ -8,22 +8,6 @@
 
 namespace quillstone::runtime {
 
-// Attributes.
-
-/// `object.name`
-inline Object attr(View object, Name name, Here where = Here::current()) {
-    return owned(enter([&] { return PyObject_GetAttr(object.get(), name.get()); }), where);
-}
-/// `getattr(object, name, fallback)`; an empty fallback gives an empty object.
-Object attr_or(View object, View name, View fallback, Here where = Here::current());
-/// `object.name = value`
-inline void set_attr(View object, View name, View value, Here where = Here::current()) {
-    checked(enter([&] { return PyObject_SetAttr(object.get(), name.get(), value.get()); }), where);
-}
-inline void set_attr(View object, View name, bool value, Here where = Here::current()) {
-    set_attr(object, name, boolean(value), where);
-}
-
 // Values.
 
 /// `bool(object)`
@@ -34,6 +18,12 @@ inline bool truth(View object, Here where = Here::current()) {
     if (object.is(Py_False) || object.is_none()) {
         return false;
     }
+    if (PyUnicode_CheckExact(object.get())) {
+        return PyUnicode_GET_LENGTH(object.get()) != 0;
+    }
+    if (PyTuple_CheckExact(object.get()) || PyList_CheckExact(object.get())) {
+        return Py_SIZE(object.get()) != 0;
+    }
     return checked(enter([&] { return PyObject_IsTrue(object.get()); }), where) != 0;
 }
 /// `left == right`
@@ -42,17 +32,38 @@ bool equals(View left, View right, Here where = Here::current());
 bool differs(View left, View right, Here where = Here::current());
 /// `left > right`
 bool greater(View left, View right, Here where = Here::current());
+bool greater(View left, long right, Here where = Here::current());
 /// `isinstance(object, type)`
 inline bool is_instance(View object, View type, Here where = Here::current()) {
-    return checked(enter([&] { return PyObject_IsInstance(object.get(), type.get()); }), where) != 0;
+    return reinterpret_cast<PyObject*>(Py_TYPE(object.get())) == type.get() ||
+           checked(enter([&] { return PyObject_IsInstance(object.get(), type.get()); }), where) != 0;
 }
-bool is_dict(View object, Here where = Here::current());
-bool is_list(View object, Here where = Here::current());
-bool is_tuple(View object, Here where = Here::current());
-bool is_str(View object, Here where = Here::current());
-bool is_bool(View object, Here where = Here::current());
-bool is_int(View object, Here where = Here::current());
-bool is_bytes(View object, Here where = Here::current());
+
+namespace detail {
+bool claims_to_be(View object, PyTypeObject& type, Here where);
+} // namespace detail
+
+inline bool is_dict(View object, Here where = Here::current()) {
+    return PyDict_Check(object.get()) || detail::claims_to_be(object, PyDict_Type, where);
+}
+inline bool is_list(View object, Here where = Here::current()) {
+    return PyList_Check(object.get()) || detail::claims_to_be(object, PyList_Type, where);
+}
+inline bool is_tuple(View object, Here where = Here::current()) {
+    return PyTuple_Check(object.get()) || detail::claims_to_be(object, PyTuple_Type, where);
+}
+inline bool is_str(View object, Here where = Here::current()) {
+    return PyUnicode_Check(object.get()) || detail::claims_to_be(object, PyUnicode_Type, where);
+}
+inline bool is_bool(View object, Here where = Here::current()) {
+    return PyBool_Check(object.get()) || detail::claims_to_be(object, PyBool_Type, where);
+}
+inline bool is_int(View object, Here where = Here::current()) {
+    return PyLong_Check(object.get()) || detail::claims_to_be(object, PyLong_Type, where);
+}
+inline bool is_bytes(View object, Here where = Here::current()) {
+    return PyBytes_Check(object.get()) || detail::claims_to_be(object, PyBytes_Type, where);
+}
 inline bool is_callable(View object) noexcept {
     return PyCallable_Check(object.get()) != 0;
 }
@@ -110,9 +121,7 @@ inline double as_double(View object, Here where = Here::current()) {
 /// Whether a character occurs in a `str`.
 bool has_character(View text, Py_UCS4 character, Here where = Here::current());
 /// Which of two `str` stands first, by code points: negative, zero or positive.
-inline int compare_texts(View left, View right) noexcept {
-    return PyUnicode_Compare(left.get(), right.get());
-}
+int compare_texts(View left, View right) noexcept;
 bool ends_with(View text, View ending, Here where = Here::current());
 /// `separator.join(str(item) for item in items)`
 Object join(View separator, View items, Here where = Here::current());
@@ -153,7 +162,11 @@ inline Object item_at(View container, Py_ssize_t index, Here where = Here::curre
 }
 /// `container[key] = value`
 inline void set_item(View container, View key, View value, Here where = Here::current()) {
-    checked(enter([&] { return PyObject_SetItem(container.get(), key.get(), value.get()); }), where);
+    checked(enter([&] {
+                return PyDict_CheckExact(container.get()) ? PyDict_SetItem(container.get(), key.get(), value.get())
+                                                          : PyObject_SetItem(container.get(), key.get(), value.get());
+            }),
+            where);
 }
 inline Py_ssize_t length(View container, Here where = Here::current()) {
     const Py_ssize_t size = enter([&] { return PyObject_Size(container.get()); });
@@ -206,14 +219,37 @@ class Each {
     static End end() { return {}; }
 
     /// The next item; empty at the end.
-    Object next();
+    Object next() {
+        if (kind_ == Kind::iterator) {
+            return next_of_iterator();
+        }
+        // A list may have changed since the last step.
+        if (index_ >= Py_SIZE(source_.get())) {
+            return {};
+        }
+        PyObject* const* items = PySequence_Fast_ITEMS(source_.get());
+        if (index_ + ahead < Py_SIZE(source_.get())) {
+            fetch(items[index_ + ahead]);
+        }
+        return View(items[index_++]);
+    }
     /// What is being walked, or its iterator.
     [[nodiscard]] View source() const noexcept { return source_; }
 
   private:
+    Object next_of_iterator();
+
+    // Items lie far apart in memory: the processor is told of them early, so that they are there when their turn comes.
+    static constexpr Py_ssize_t ahead = 8;
+    static void fetch(PyObject* item) noexcept {
+        constexpr std::ptrdiff_t cache_line = 64;
+        __builtin_prefetch(item, 1);
+        __builtin_prefetch(reinterpret_cast<const std::byte*>(item) + cache_line);
+    }
+
     Object source_;
     Py_ssize_t index_ = 0;
-    enum class Kind { list, tuple, iterator };
+    enum class Kind { array, iterator };
     Kind kind_ = Kind::iterator;
     Here where_;
 };
