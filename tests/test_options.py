@@ -69,6 +69,21 @@ def test_engine_catalog_is_copied_plainly():
     assert qs._engine_definitions_from_agent_payload(typed, {}) == got
 
 
+def test_every_part_of_a_catalog_is_copied_by_the_function_of_now(monkeypatch):
+    inner = {"b": 2.5}
+    payload = {"a": [1, inner, ("x",)], "c": inner}
+    copy = qs._plain_engine_definition_payload
+    assert copy(payload) == {"a": [1, inner, ["x"]], "c": inner}
+    parts = []
+    monkeypatch.setattr(
+        qs, "_plain_engine_definition_payload", lambda part: parts.append(part) or copy(part)
+    )
+    got = copy(payload)
+    assert parts == [payload["a"], 1, inner, 2.5, ("x",), "x", inner, 2.5]
+    got["a"][1]["b"] = got["c"]["b"] = 0
+    assert payload == {"a": [1, {"b": 2.5}, ("x",)], "c": {"b": 2.5}}
+
+
 @pytest.mark.parametrize(
     ("source", "text"),
     [

@@ -196,6 +196,49 @@ def test_names_are_looked_up_when_used(name, use):
         use()
 
 
+class Slotted:
+    __slots__ = ("children", "type")
+
+    def __init__(self):
+        self.children, self.type = (), "aggregation"
+
+
+def test_attributes_in_slots_follow_their_class():
+    def is_refused(graph):
+        try:
+            qs._reject_public_aggregation_graph(graph)
+        except ValueError:
+            return True
+        return False
+
+    changing = type("Changing", (Slotted,), {"__slots__": ()})
+    graph, other = changing(), Slotted()
+    assert is_refused(graph)
+    graph.type = "rotation"
+    assert not is_refused(graph)
+    assert is_refused(other)
+    del graph.type
+    assert not is_refused(graph)
+    for value, refused in [("aggregation", True), (property(lambda self: "feature"), False)]:
+        changing.type = value
+        assert is_refused(graph) is refused
+        assert is_refused(other)
+    graph.children = [other]
+    assert is_refused(graph)
+    changing.children = None
+    assert not is_refused(graph)
+    del changing.type, changing.children
+    changing.__getattribute__ = lambda self, name: "aggregation"
+    assert is_refused(graph)
+    # Another class keeps attributes of these names at other places.
+    swapped = type("Slotted", (), {"__slots__": ("type", "name", "children")})()
+    swapped.type, swapped.name, swapped.children = "rotation", "aggregation", (graph,)
+    assert is_refused(swapped)
+    swapped.children = ()
+    assert not is_refused(swapped)
+    assert is_refused(other)
+
+
 def test_replaced_values_take_effect_at_once(kit):
     told_to = []
     qs.logger = Scripted(kit.script, {"warning": None, "debug": None})

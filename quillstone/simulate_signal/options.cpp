@@ -105,6 +105,8 @@ Object list_universes(View era_config) {
 
 constexpr Name plain_copy_name = "_plain_engine_definition_payload"_name;
 
+Object plain_copy(View value);
+
 /// The plain copy of one payload.
 class PlainCopy {
   public:
@@ -129,6 +131,16 @@ class PlainCopy {
 
   private:
     Object dictionary_of(View source) {
+        // Nearly all is plain data, so only what has parts of its own has to be replaced in a ready copy.
+        if (Object copy = copy_text_keyed(source); copy.exists()) {
+            Items entries = items(copy);
+            for (Object key, value; entries.next(key, value);) {
+                if (!is_own_copy(value)) {
+                    set_item(copy, key, item_copy(value));
+                }
+            }
+            return copy;
+        }
         Object copy = new_dict();
         Items entries = items(source);
         for (Object key, value; entries.next(key, value);) {
@@ -139,6 +151,16 @@ class PlainCopy {
     }
 
     Object list_of_items(View source) {
+        if (Object copy = copy_array(source); copy.exists()) {
+            Py_ssize_t index = 0;
+            for (const Object value : each(copy)) {
+                if (!is_own_copy(value)) {
+                    set_item_at(copy, index, item_copy(value));
+                }
+                ++index;
+            }
+            return copy;
+        }
         Object copy = new_list();
         for (const Object value : each(source)) {
             append(copy, item_copy(value));
@@ -146,7 +168,15 @@ class PlainCopy {
         return copy;
     }
 
-    Object item_copy(View value);
+    bool is_own_copy(View value) {
+        steps_.step();
+        return is_plain_scalar(value) && is_bound_to<plain_copy>(plain_copy_name);
+    }
+
+    Object item_copy(View value) {
+        steps_.step();
+        return is_bound_to<plain_copy>(plain_copy_name) ? of(value) : plain_engine_definition_payload(value);
+    }
 
     static constexpr std::size_t most_copied_anew = 1'000'000;
     std::size_t parts_ = 0;
@@ -158,11 +188,6 @@ class PlainCopy {
 
 Object plain_copy(View value) {
     return PlainCopy().of(value);
-}
-
-Object PlainCopy::item_copy(View value) {
-    steps_.step();
-    return is_bound_to<plain_copy>(plain_copy_name) ? of(value) : plain_engine_definition_payload(value);
 }
 
 Object engine_definitions(View source_era_config, View /*typed_era_config*/) {

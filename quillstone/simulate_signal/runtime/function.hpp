@@ -61,7 +61,9 @@ Native native_of(View function) noexcept;
 /// in C++ unless the function was rebound.
 template <auto Implementation>
 bool is_bound_to(Name name, Here where = Here::current()) {
-    return native_of(global(name, where)) == &detail::invoke<Implementation>;
+    const View known = known_global(name);
+    const Native bound = known.exists() ? native_of(known) : native_of(look_up_global(name, where));
+    return bound == &detail::invoke<Implementation>;
 }
 
 /// Adds a unit's functions to the module (or to the namespace of a class that is being made).

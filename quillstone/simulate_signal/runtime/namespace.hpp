@@ -22,11 +22,17 @@ class Namespace {
 
 Object look_up_global(Name name, Here where);
 
+/// What the module variable of that name was bound to when it was last looked up, if nothing was rebound since; empty
+/// when it has to be looked up.
+inline View known_global(Name name) noexcept {
+    const InternedName::Binding& known = name.binding();
+    return known.state == Namespace::state() && known.state != 0 ? View(known.value) : View();
+}
+
 /// The module variable of that name as it is bound now: callers and tests rebind them at run time.
 inline Object global(Name name, Here where = Here::current()) {
-    const InternedName::Binding& known = name.binding();
-    if (known.state == Namespace::state() && known.state != 0) [[likely]] {
-        return View(known.value);
+    if (const View known = known_global(name); known.exists()) [[likely]] {
+        return known;
     }
     return look_up_global(name, where);
 }

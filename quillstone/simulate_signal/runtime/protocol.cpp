@@ -3,18 +3,12 @@
 #include "quillstone/simulate_signal/runtime/namespace.hpp"
 
 #include <algorithm>
-#include <cstring>
 
 namespace quillstone::runtime {
 
 namespace {
 
 PyObject* pause = nullptr; // a Python function that does nothing
-
-bool compare(View left, View right, int operation, Here where) {
-    const Object result = owned(enter([&] { return PyObject_RichCompare(left.get(), right.get(), operation); }), where);
-    return truth(result, where);
-}
 
 Object from(PyTypeObject& type, View argument, Here where) {
     return call(Target(View(reinterpret_cast<PyObject*>(&type)), where), argument);
@@ -24,55 +18,37 @@ Object from(PyTypeObject& type, View argument, Here where) {
 
 namespace detail {
 
+bool compare(View left, View right, int operation, Here where) {
+    const Object result = owned(enter([&] { return PyObject_RichCompare(left.get(), right.get(), operation); }), where);
+    return truth(result, where);
+}
+
 /// Whether an object that is of another type claims through `__class__` to be of a built-in one; those that data is
 /// mostly made of do not.
 bool claims_to_be(View object, PyTypeObject& type, Here where) {
     PyObject* plain = object.get();
-    const bool never_claims = PyUnicode_CheckExact(plain) || PyFloat_CheckExact(plain) || PyLong_CheckExact(plain) ||
-                              PyDict_CheckExact(plain) || PyList_CheckExact(plain) || PyTuple_CheckExact(plain) ||
-                              PyBool_Check(plain) || object.is_none();
+    const bool never_claims =
+        is_plain_scalar(object) || PyDict_CheckExact(plain) || PyList_CheckExact(plain) || PyTuple_CheckExact(plain);
     return !never_claims && is_instance(object, reinterpret_cast<PyObject*>(&type), where);
 }
 
 } // namespace detail
-
-namespace {
-
-std::size_t units(View text) noexcept {
-    return static_cast<std::size_t>(PyUnicode_GET_LENGTH(text.get()));
-}
-
-bool is_same_text(View left, View right) noexcept {
-    // Equal texts are kept alike.
-    const auto kind = PyUnicode_KIND(left.get());
-    return left.is(right) ||
-           (kind == PyUnicode_KIND(right.get()) && units(left) == units(right) &&
-            std::memcmp(PyUnicode_DATA(left.get()), PyUnicode_DATA(right.get()), units(left) * kind) == 0);
-}
-
-} // namespace
 
 int compare_texts(View left, View right) noexcept {
     if (PyUnicode_KIND(left.get()) != PyUnicode_1BYTE_KIND || PyUnicode_KIND(right.get()) != PyUnicode_1BYTE_KIND) {
         return PyUnicode_Compare(left.get(), right.get());
     }
     const int order = std::memcmp(PyUnicode_1BYTE_DATA(left.get()), PyUnicode_1BYTE_DATA(right.get()),
-                                  std::min(units(left), units(right)));
-    return order != 0 ? order : (units(left) > units(right)) - (units(left) < units(right));
+                                  std::min(detail::units(left), detail::units(right)));
+    return order != 0 ? order
+                      : (detail::units(left) > detail::units(right)) - (detail::units(left) < detail::units(right));
 }
 
-bool equals(View left, View right, Here where) {
-    // Most comparisons of the rules are of a text with a name.
-    if (PyUnicode_CheckExact(right.get()) && (PyUnicode_CheckExact(left.get()) || left.is_none())) {
-        return !left.is_none() && is_same_text(left, right);
-    }
-    return compare(left, right, Py_EQ, where);
-}
 bool differs(View left, View right, Here where) {
-    return compare(left, right, Py_NE, where);
+    return detail::compare(left, right, Py_NE, where);
 }
 bool greater(View left, View right, Here where) {
-    return compare(left, right, Py_GT, where);
+    return detail::compare(left, right, Py_GT, where);
 }
 bool greater(View left, long right, Here where) {
     if (PyLong_CheckExact(left.get())) {
@@ -102,6 +78,10 @@ Object to_float(View object, Here where) {
         return object;
     }
     return owned(enter([&] { return PyNumber_Float(object.get()); }), where);
+}
+bool starts_with(View text, View beginning, Here where) {
+    const Py_ssize_t found = PyUnicode_Tailmatch(text.get(), beginning.get(), 0, PY_SSIZE_T_MAX, -1);
+    return checked(static_cast<int>(found), where) != 0;
 }
 bool ends_with(View text, View ending, Here where) {
     const Py_ssize_t found = PyUnicode_Tailmatch(text.get(), ending.get(), 0, PY_SSIZE_T_MAX, 1);
@@ -142,6 +122,24 @@ Object get(View mapping, View key, View fallback, Here where) {
         return value_in(mapping, key, fallback, where);
     }
     return method(Target(mapping, where), "get"_name, key, fallback);
+}
+
+Object copy_text_keyed(View object, Here where) {
+    if (!PyDict_CheckExact(object.get())) {
+        return {};
+    }
+    PyObject* key = nullptr;
+    for (Py_ssize_t position = 0; PyDict_Next(object.get(), &position, &key, nullptr) != 0;) {
+        if (!PyUnicode_CheckExact(key)) {
+            return {};
+        }
+    }
+    return owned(PyDict_Copy(object.get()), where);
+}
+
+Object copy_array(View object, Here where) {
+    const bool is_array = PyList_CheckExact(object.get()) || PyTuple_CheckExact(object.get());
+    return is_array ? to_list(object, where) : Object();
 }
 
 void set_default(View dict, View key, View value, Here where) {

@@ -3,6 +3,7 @@
 #include "quillstone/simulate_signal/runtime/call.hpp"
 
 #include <array>
+#include <cstring>
 #include <optional>
 #include <span>
 
@@ -26,8 +27,30 @@ inline bool truth(View object, Here where = Here::current()) {
     }
     return checked(enter([&] { return PyObject_IsTrue(object.get()); }), where) != 0;
 }
+namespace detail {
+
+inline std::size_t units(View text) noexcept {
+    return static_cast<std::size_t>(PyUnicode_GET_LENGTH(text.get()));
+}
+inline bool is_same_text(View left, View right) noexcept {
+    // Equal texts are kept alike.
+    const auto kind = PyUnicode_KIND(left.get());
+    return left.is(right) ||
+           (units(left) == units(right) && kind == PyUnicode_KIND(right.get()) &&
+            std::memcmp(PyUnicode_DATA(left.get()), PyUnicode_DATA(right.get()), units(left) * kind) == 0);
+}
+bool compare(View left, View right, int operation, Here where);
+
+} // namespace detail
+
 /// `left == right`
-bool equals(View left, View right, Here where = Here::current());
+inline bool equals(View left, View right, Here where = Here::current()) {
+    // Most comparisons of the rules are of a text with a name.
+    if (PyUnicode_CheckExact(right.get()) && (PyUnicode_CheckExact(left.get()) || left.is_none())) {
+        return !left.is_none() && detail::is_same_text(left, right);
+    }
+    return detail::compare(left, right, Py_EQ, where);
+}
 /// `left != right`
 bool differs(View left, View right, Here where = Here::current());
 /// `left > right`
@@ -64,6 +87,12 @@ inline bool is_int(View object, Here where = Here::current()) {
 inline bool is_bytes(View object, Here where = Here::current()) {
     return PyBytes_Check(object.get()) || detail::claims_to_be(object, PyBytes_Type, where);
 }
+/// Whether an object is a text, a number, a truth value or None, of exactly that type.
+inline bool is_plain_scalar(View object) noexcept {
+    PyObject* plain = object.get();
+    return PyUnicode_CheckExact(plain) || PyFloat_CheckExact(plain) || PyLong_CheckExact(plain) || object.is_none() ||
+           PyBool_Check(plain);
+}
 inline bool is_callable(View object) noexcept {
     return PyCallable_Check(object.get()) != 0;
 }
@@ -72,6 +101,9 @@ bool is_mapping(View object, Here where = Here::current());
 
 /// `str(object)`
 inline Object text(View object, Here where = Here::current()) {
+    if (PyUnicode_CheckExact(object.get())) {
+        return object;
+    }
     return owned(enter([&] { return PyObject_Str(object.get()); }), where);
 }
 /// `repr(object)`
@@ -118,10 +150,9 @@ inline double as_double(View object, Here where = Here::current()) {
     }
     return value;
 }
-/// Whether a character occurs in a `str`.
-bool has_character(View text, Py_UCS4 character, Here where = Here::current());
 /// Which of two `str` stands first, by code points: negative, zero or positive.
 int compare_texts(View left, View right) noexcept;
+bool starts_with(View text, View beginning, Here where = Here::current());
 bool ends_with(View text, View ending, Here where = Here::current());
 /// `separator.join(str(item) for item in items)`
 Object join(View separator, View items, Here where = Here::current());
@@ -150,6 +181,9 @@ inline void append(View list, View item, Here where = Here::current()) {
 }
 /// `key in container`
 inline bool contains(View container, View key, Here where = Here::current()) {
+    if (PyDict_CheckExact(container.get())) {
+        return checked(enter([&] { return PyDict_Contains(container.get(), key.get()); }), where) != 0;
+    }
     return checked(enter([&] { return PySequence_Contains(container.get(), key.get()); }), where) != 0;
 }
 /// `container[key]`
@@ -179,6 +213,15 @@ inline Py_ssize_t length(View container, Here where = Here::current()) {
 Object get(View mapping, View key, Here where = Here::current());
 /// `mapping.get(key, fallback)`
 Object get(View mapping, View key, View fallback, Here where = Here::current());
+/// A new dictionary with the same entries, made at once, of an exact dictionary in which every key is exactly a `str`;
+/// empty for any other object.
+Object copy_text_keyed(View object, Here where = Here::current());
+/// A new list of the same items, made at once, of an exact list or tuple; empty for any other object.
+Object copy_array(View object, Here where = Here::current());
+/// `list[index] = value`, for a list of our own
+inline void set_item_at(View list, Py_ssize_t index, View value, Here where = Here::current()) {
+    checked(enter([&] { return PyList_SetItem(list.get(), index, Py_NewRef(value.get())); }), where);
+}
 /// `dict.setdefault(key, value)`, for a dictionary of our own
 void set_default(View dict, View key, View value, Here where = Here::current());
 

@@ -29,6 +29,9 @@ Object freshness_state(View guard) {
 
 bool is_artifact_path(View path, View named_universe) {
     Object normalized = text(path);
+    if (!ends_with(normalized, "vocabulary.json"_name)) {
+        return false; // whichever separator there is
+    }
     if (contains(normalized, "\\"_name)) {
         normalized = method(normalized, "replace"_name, "\\"_name, "/"_name);
     }
@@ -38,8 +41,9 @@ bool is_artifact_path(View path, View named_universe) {
     if (!truth(named_universe)) {
         return true;
     }
-    // With a leading separator a relative path that starts with the universe's directory matches, too.
-    return contains(add("/"_name, normalized), add(add("/"_name, text(named_universe)), "/"_name));
+    // A relative path may start with the universe's directory.
+    const Object directory = add(text(named_universe), "/"_name);
+    return starts_with(normalized, directory) || contains(normalized, add("/"_name, directory));
 }
 
 bool refreshed(View before_state, View after_state, View named_universe) {
