@@ -22,7 +22,7 @@ PRICES ?= $(SAMPLE_PRICES)
 # Where the module and the kit beside it are imported from; $(1) is the folder of the build.
 with_module = PYTHONPATH=$(abspath $(1)):$(abspath localkit)
 
-.PHONY: build demo test bench torture sanitize lint format clean
+.PHONY: build demo test bench torture tsan sanitize lint format clean
 
 build: $(BUILD)/release/build.ninja
 	$(VENV)/bin/cmake --build $(BUILD)/release
@@ -40,8 +40,18 @@ bench: build $(VENV)/.test
 
 # The promises of reliability, tried hard; QUICK=1 is the short form, which tries the same every time: it is to tell
 # whether a change broke something. SEED=N repeats a run of either form.
-torture: build $(VENV)/.test
-	$(call with_module,$(BUILD)/python) $(VENV)/bin/python torture/run.py $(if $(QUICK),--quick) $(addprefix --seed ,$(or $(SEED),$(if $(QUICK),1)))
+torture: build $(VENV)/.test $(if $(QUICK),,tsan)
+	TORTURE_TSAN=$(abspath $(BUILD))/tsan/python $(call with_module,$(BUILD)/python) \
+		$(VENV)/bin/python torture/run.py $(if $(QUICK),--quick) $(addprefix --seed ,$(or $(SEED),$(if $(QUICK),1)))
+
+# For the long form of torture. A compiler without ThreadSanitizer is no fault: torture tells that it skips it.
+tsan: | $(VENV)/.build
+	cxx="$$(tools/find-cxx)"; if tools/sanitizer-runtime tsan $$cxx >/dev/null; then \
+		$(CMAKE) -B $(BUILD)/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUILLSTONE_LTO=OFF \
+			-DCMAKE_CXX_FLAGS=-fsanitize=thread; \
+		$(VENV)/bin/cmake --build $(BUILD)/tsan; \
+		$(VENV)/bin/cmake --install $(BUILD)/tsan --prefix $(BUILD)/tsan/python; \
+	fi
 
 # The interpreter is not instrumented: it keeps memory until it exits, hence no leak check, and its
 # own allocator would hide out-of-bounds accesses in one of its arenas. A report ends the process, so
@@ -52,7 +62,7 @@ sanitize: $(BUILD)/sanitize/build.ninja $(VENV)/.test
 	$(VENV)/bin/cmake --build $(BUILD)/sanitize
 	$(VENV)/bin/cmake --install $(BUILD)/sanitize --prefix $(BUILD)/sanitize/python
 	rm -f $(REPORT).*
-	cxx="$$(tools/find-cxx)"; runtime="$$(tools/sanitizer-runtime $$cxx)"; status=0; \
+	cxx="$$(tools/find-cxx)"; runtime="$$(tools/sanitizer-runtime asan $$cxx)"; status=0; \
 	LD_PRELOAD="$$runtime" PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0:log_path=$(REPORT) \
 		UBSAN_OPTIONS=print_stacktrace=1 \
 		$(call with_module,$(BUILD)/sanitize/python) $(VENV)/bin/pytest --capture=sys || status=$$?; \
