@@ -2,11 +2,12 @@
 
 import gc
 import sys
+import threading
 
 import pytest
 
 import quillstone.simulate_signal as qs
-from collaborators import SEED, ended, node, set_children
+from collaborators import SEED, ended, node, raises_exactly, set_children
 
 START = [
     "get_wallet_secret", "set_phase", "acquire", "set_phase", "request_for_sync", "get_manifest",
@@ -191,6 +192,76 @@ def test_outcome_is_kept_when_reporting_it_fails(kit):
     handle = ended(kit.start())
     assert handle._error is stop
     assert all(getattr(handle, name).is_set() for name in EVENTS)
+
+
+class Refusing:
+    """An event or a lock that cannot be set or taken as often as told, for want of memory."""
+
+    def __init__(self, usual, refusals, when=lambda: True):
+        self.usual, self.refusals, self.when = usual, refusals, when
+
+    def __getattr__(self, name):
+        return getattr(self.usual, name)
+
+    def _use(self):
+        if self.refusals and self.when():
+            self.refusals -= 1
+            raise MemoryError("scripted")
+
+    def set(self):
+        self._use()
+        self.usual.set()
+
+    def __enter__(self):
+        self._use()
+        return self.usual.__enter__()
+
+    def __exit__(self, *error):
+        return self.usual.__exit__(*error)
+
+
+def in_backtest(kit):
+    """A new run whose handle can be tampered with until the blocker lets it go on."""
+    blocked = kit.script.block("backtest")
+    handle = kit.start()
+    blocked.wait_until_entered()
+    assert handle._pipeline_acquired
+    return handle, blocked
+
+
+@pytest.mark.parametrize(
+    "refusals", [dict.fromkeys(EVENTS, 1), *({**dict.fromkeys(EVENTS, 0), n: 9} for n in EVENTS)]
+)
+def test_end_is_told_although_an_event_refuses(kit, refusals):
+    handle, blocked = in_backtest(kit)
+    for name, count in refusals.items():
+        setattr(handle, name, Refusing(threading.Event(), count))
+    blocked.leave.set()
+    ended(handle)
+    told = [name for name in EVENTS if getattr(handle, name).is_set()]
+    assert told == [name for name in EVENTS if refusals[name] < 2]
+    assert handle._result.passed
+    assert handle._pipeline_acquired is False
+
+
+@pytest.mark.parametrize("once_there_is_a_result", [True, False])
+def test_hold_is_given_up_although_the_lock_refuses(kit, once_there_is_a_result):
+    handle, blocked = in_backtest(kit)
+    usual = handle._lock
+    handle._lock = Refusing(
+        usual, 99, lambda: not once_there_is_a_result or handle._result is not None
+    )
+    blocked.leave.set()
+    ended(handle)
+    assert handle._lock.refusals < 99
+    assert handle._pipeline_acquired is False
+    assert all(getattr(handle, name).is_set() for name in EVENTS)
+    handle._lock = usual
+    if once_there_is_a_result:
+        assert handle.result().passed
+    else:
+        with raises_exactly(MemoryError, "scripted"):
+            handle.result()
 
 
 def test_subclass_may_replace_any_step(kit):
