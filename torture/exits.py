@@ -44,6 +44,9 @@ def draw(random):
 
 
 def promise(quick, random):
+    # OpenBLAS's own exit handler waits for its worker threads, for ever if a daemon thread shared
+    # out a product among them just then; in plain Python, too. A lone thread has no workers.
+    os.environ["OPENBLAS_NUM_THREADS"] = "1"
     jobs = [draw(random) for _ in range(40 if quick else 1000)]
     with ThreadPoolExecutor(2) as pool:
         ends = list(pool.map(attempt, jobs))
@@ -60,8 +63,8 @@ def attempt(job):
     """What is wrong with the end of the process (None if nothing), and how long it took."""
     try:
         done, ended = common.child(Path(__file__), job)
-    except subprocess.TimeoutExpired:
-        common.complain("no end", job)
+    except subprocess.TimeoutExpired as error:
+        common.complain("no end", error.stdout, error.stderr, job)
         return "no end", 60.0
     words = done.stdout.split()
     seconds = ended - float(words[1]) if words[:1] == ["end"] else 0.0
