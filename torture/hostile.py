@@ -1,5 +1,6 @@
 """Objects that lie, raise, change what is being walked and call back; endless and deep input."""
 
+import copy
 import faulthandler
 import time
 import types
@@ -166,6 +167,55 @@ def values(draw):
     return pool[-1]
 
 
+STAGE = {"name": "s", "default": "x", "option_configs": {"x": {"composite": [{"name": "rescale"}]}}}
+SIGNAL_POOL = {
+    "pool_id": "p1", "name": "alpha", "allowed_named_universes": ["top"],
+    "universes": {3: {"signal_is_thresholds": {"sharpe": 1.0}}}, "is_pnl_mi_threshold": 0.1,
+}  # fmt: skip
+STRATEGY_POOL = {"pool_id": "s1", "signal_pool_name": "p1", "universes": {"3": {"rule_id": 3}}}
+WELL_FORMED = {
+    "era": {
+        "era_id": 7, "evaluation_pnl_columns": ["net"], "universe_rules": {"top": {"rule_id": 3}},
+        "transform_pipeline": [STAGE], "column_labels": ["net"], "signal_pools": [SIGNAL_POOL],
+        "strategy_pools": [STRATEGY_POOL], "engine_definitions": vocabulary(rotations={"r": {}}),
+    },
+    "pool_cfg": STRATEGY_POOL | SIGNAL_POOL,
+    "vocabulary": vocabulary(rotations={"r": {"name": "r"}}, features=[{"name": "f", "sub": {}}]),
+    "useful_signals": ["u1", "u2"],
+    "useful_signal_metadata": {"u1": {"id": "u1", "signal_pool_id": "p1"}},
+    "metadata": {"id": "u1", "signal_pool_id": "p1"},
+    "transform_pipeline": [STAGE, {"name": "t", "default": "rescale"}],
+    "stage": STAGE,
+    "option_config": {"composite": ["x", {"transform": "l1_resize"}]},
+    "state": ({"top/vocabulary.json": "a"}, {"top/vocabulary.json": "b"}),
+    "thresholds": {"sharpe": 1.0},
+    "metrics": {"net_sharpe": 1.5, "net_returns": 0.1},
+    "column_stats": {"net_sharpe": 1.5, "net_returns": 0.1},
+    "weights": [[1.0, float("nan")], [-2.5, 0.0]],
+    "expression_type": "SIGNAL",
+    "pool_id": "p1",
+    "universe": "top",
+}  # fmt: skip
+
+
+@st.composite
+def spoiled(draw, name):
+    """What a parameter of this name is given, as a rule, with up to three places replaced."""
+    fitting = [part for part in WELL_FORMED if part in name]
+    if not fitting or not draw(st.integers(0, 3)):
+        return draw(values())
+    whole = copy.deepcopy(WELL_FORMED[max(fitting, key=len)])
+    for _ in range(draw(st.integers(0, 3))):
+        place = whole
+        while type(place) in (dict, list) and place:
+            key = draw(st.sampled_from(list(place) if type(place) is dict else range(len(place))))
+            if type(place[key]) not in (dict, list) or not draw(st.integers(0, 2)):
+                place[key] = draw(values())
+                break
+            place = place[key]
+    return whole
+
+
 # The last hands its argument on to `inspect` as it is.
 SKIPPED = {"init_simulate_signal", "simulate_signal", "simulate_strategy", "_import_typed_shapes",
            "_import_graph_validator_runtime", "_pool_v2_signature"}  # fmt: skip
@@ -187,7 +237,7 @@ def call_function(data):
     name = data.draw(st.sampled_from(own))
     function = getattr(module, name)
     required = [p for p in function.__signature__.parameters.values() if p.default is p.empty]
-    arguments = [data.draw(values()) for _ in required]
+    arguments = [data.draw(spoiled(p.name)) for p in required]
     try:
         outcome = function(*arguments)
         if hasattr(outcome, "__next__"):
