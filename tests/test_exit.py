@@ -138,17 +138,17 @@ def test_interrupt_while_waiting_for_a_result(tmp_path):
     check(
         tmp_path,
         """
-heard = []
+heard = threading.Event()
 
 def hear_once(*args):
-    if not heard:
-        heard.append(args)
+    if not heard.is_set():
+        heard.set()
         signal.default_int_handler(*args)
 
 def interrupt(**kwargs):
-    while not heard:
+    signal.pthread_kill(threading.main_thread().ident, signal.SIGINT)
+    while not heard.wait(0.1):
         signal.pthread_kill(threading.main_thread().ident, signal.SIGINT)
-        time.sleep(0.1)
     wait()
 
 signal.signal(signal.SIGINT, hear_once)

@@ -58,8 +58,12 @@ class Binding {
         if (!take_positional(arguments, given)) {
             return false;
         }
-        if (keyword_names != nullptr && !take_keywords(arguments + given, keyword_names)) {
-            return false;
+        const Py_ssize_t taken = std::min(given, function_.positional);
+        if (keyword_names != nullptr) {
+            std::uninitialized_fill(bound_ + taken, bound_ + function_.named, View());
+            if (!take_keywords(arguments + given, keyword_names)) {
+                return false;
+            }
         }
         if (function_.takes_rest && !rest_.exists()) {
             rest_ = tuple_of();
@@ -74,7 +78,7 @@ class Binding {
         if (function_.takes_keywords) {
             bound_[next++] = keywords_;
         }
-        return fill_defaults(std::min(given, function_.positional));
+        return fill_defaults(taken, keyword_names != nullptr);
     }
 
     [[nodiscard]] const View* arguments() const noexcept { return bound_; }
@@ -83,7 +87,6 @@ class Binding {
     bool take_positional(PyObject* const* arguments, Py_ssize_t given) {
         const Py_ssize_t taken = std::min(given, function_.positional);
         std::uninitialized_copy_n(arguments, taken, bound_);
-        std::uninitialized_fill_n(bound_ + taken, function_.named - taken, View());
         if (given == taken) {
             return true;
         }
@@ -135,13 +138,15 @@ class Binding {
         return -1;
     }
 
-    bool fill_defaults(Py_ssize_t first) noexcept {
+    /// Fills the places from `first` on, all of them unless some were taken by keywords.
+    bool fill_defaults(Py_ssize_t first, bool some_taken) noexcept {
         for (Py_ssize_t place = first; place < function_.named; ++place) {
-            if (!bound_[place].exists()) {
-                bound_[place] = PyTuple_GET_ITEM(function_.defaults, place);
-                if (bound_[place].is(no_default())) {
-                    return false;
-                }
+            if (some_taken && bound_[place].exists()) {
+                continue;
+            }
+            bound_[place] = PyTuple_GET_ITEM(function_.defaults, place);
+            if (bound_[place].is(no_default())) {
+                return false;
             }
         }
         return true;

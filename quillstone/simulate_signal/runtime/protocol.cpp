@@ -99,31 +99,6 @@ Object to_dict(View mapping, Here where) {
     return from(PyDict_Type, mapping, where);
 }
 
-namespace {
-
-/// The value under a key of an exact dictionary.
-Object value_in(View dict, View key, View fallback, Here where) {
-    PyObject* value = nullptr;
-    checked(enter([&] { return PyDict_GetItemRef(dict.get(), key.get(), &value); }), where);
-    return value != nullptr ? Object::steal(value) : Object(fallback);
-}
-
-} // namespace
-
-Object get(View mapping, View key, Here where) {
-    if (PyDict_CheckExact(mapping.get())) {
-        return value_in(mapping, key, none(), where);
-    }
-    return method(Target(mapping, where), "get"_name, key);
-}
-
-Object get(View mapping, View key, View fallback, Here where) {
-    if (PyDict_CheckExact(mapping.get())) {
-        return value_in(mapping, key, fallback, where);
-    }
-    return method(Target(mapping, where), "get"_name, key, fallback);
-}
-
 Object copy_text_keyed(View object, Here where) {
     if (!PyDict_CheckExact(object.get())) {
         return {};
@@ -186,8 +161,6 @@ void unpack_into(View iterable, std::span<Object> items, Here where) {
 Each::Each(View iterable, Here where) : source_(iterable), where_(where) {
     if (PyList_CheckExact(iterable.get()) || PyTuple_CheckExact(iterable.get())) {
         kind_ = Kind::array;
-        PyObject* const* items = PySequence_Fast_ITEMS(iterable.get());
-        std::for_each_n(items, std::min(ahead, Py_SIZE(iterable.get())), fetch);
     } else {
         source_ = owned(enter([&] { return PyObject_GetIter(iterable.get()); }), where);
     }

@@ -209,10 +209,28 @@ inline Py_ssize_t length(View container, Here where = Here::current()) {
     }
     return size;
 }
+
+namespace detail {
+
+/// The value under a key of an exact dictionary.
+inline Object value_in(View dict, View key, View fallback, Here where) {
+    PyObject* value = nullptr;
+    checked(enter([&] { return PyDict_GetItemRef(dict.get(), key.get(), &value); }), where);
+    return value != nullptr ? Object::steal(value) : Object(fallback);
+}
+
+} // namespace detail
+
 /// `mapping.get(key)`; any object with a `get` will do.
-Object get(View mapping, View key, Here where = Here::current());
+inline Object get(View mapping, View key, Here where = Here::current()) {
+    return PyDict_CheckExact(mapping.get()) ? detail::value_in(mapping, key, none(), where)
+                                            : method(Target(mapping, where), "get"_name, key);
+}
 /// `mapping.get(key, fallback)`
-Object get(View mapping, View key, View fallback, Here where = Here::current());
+inline Object get(View mapping, View key, View fallback, Here where = Here::current()) {
+    return PyDict_CheckExact(mapping.get()) ? detail::value_in(mapping, key, fallback, where)
+                                            : method(Target(mapping, where), "get"_name, key, fallback);
+}
 /// A new dictionary with the same entries, made at once, of an exact dictionary in which every key is exactly a `str`;
 /// empty for any other object.
 Object copy_text_keyed(View object, Here where = Here::current());
@@ -271,8 +289,10 @@ class Each {
             return {};
         }
         PyObject* const* items = PySequence_Fast_ITEMS(source_.get());
+        // The items of a long array lie far apart in memory: the processor is told early of those to come.
+        constexpr Py_ssize_t ahead = 8;
         if (index_ + ahead < Py_SIZE(source_.get())) {
-            fetch(items[index_ + ahead]);
+            __builtin_prefetch(items[index_ + ahead], 1);
         }
         return View(items[index_++]);
     }
@@ -281,14 +301,6 @@ class Each {
 
   private:
     Object next_of_iterator();
-
-    // Items lie far apart in memory: the processor is told of them early, so that they are there when their turn comes.
-    static constexpr Py_ssize_t ahead = 8;
-    static void fetch(PyObject* item) noexcept {
-        constexpr std::ptrdiff_t cache_line = 64;
-        __builtin_prefetch(item, 1);
-        __builtin_prefetch(reinterpret_cast<const std::byte*>(item) + cache_line);
-    }
 
     Object source_;
     Py_ssize_t index_ = 0;
