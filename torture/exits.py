@@ -207,6 +207,8 @@ def end_specially(special, delay):
         stamp()
         handle.result()
     elif special == "interrupt":
+        # A shell starts what runs in its background with the signal ignored.
+        signal.signal(signal.SIGINT, signal.default_int_handler)
 
         def interrupt(**kwargs):
             time.sleep(delay)
