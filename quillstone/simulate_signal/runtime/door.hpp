@@ -29,7 +29,7 @@ class Doorkeeper {
     bool returned_ = false;
 };
 
-/// The one door to the interpreter: every call that may run Python code, release a reference or wait for the
+/// The one door to the interpreter: every call that may run Python code, release an object or wait for the
 /// interpreter's lock goes through here. The call itself throws nothing.
 ///
 /// While the process ends, the interpreter finishes a daemon thread that asks for its lock with `pthread_exit`, a
