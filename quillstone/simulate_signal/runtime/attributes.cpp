@@ -12,20 +12,13 @@ namespace detail {
 
 namespace {
 
-/// The value under a key of a dictionary; empty when there is none.
-Object value_in(PyObject* dict, Name key, Here where) {
-    PyObject* value = nullptr;
-    checked(enter([&] { return PyDict_GetItemRef(dict, key.get(), &value); }), where);
-    return Object::steal(value);
-}
-
 /// What a class has under a name, itself or through its bases; empty when it has nothing.
 Object class_attribute(PyTypeObject* type, Name name, Here where) {
     const Object bases = View(type->tp_mro);
     for (Py_ssize_t index = 0; index < PyTuple_GET_SIZE(bases.get()); ++index) {
         auto* base = reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(bases.get(), index));
         const Object dict = owned(PyType_GetDict(base), where);
-        if (Object found = value_in(dict.get(), name, where); found.exists()) {
+        if (Object found = value_in(dict, name, View(), where); found.exists()) {
             return found;
         }
     }
@@ -39,7 +32,7 @@ Object attr_of_module(View module, Name name, Here where) {
     if (PyUnicode_READ_CHAR(name.get(), 0) == '_') {
         return {};
     }
-    return value_in(PyModule_GetDict(module.get()), name, where);
+    return value_in(PyModule_GetDict(module.get()), name, View(), where);
 }
 
 /// Remembers in which slot a class keeps the attribute; false when it keeps it in none.

@@ -6,6 +6,13 @@ namespace quillstone::runtime {
 
 namespace detail {
 
+/// The value under a key of an exact dictionary; an empty fallback gives an empty object.
+inline Object value_in(View dict, View key, View fallback, Here where) {
+    PyObject* value = nullptr;
+    checked(enter([&] { return PyDict_GetItemRef(dict.get(), key.get(), &value); }), where);
+    return value != nullptr ? Object::steal(value) : Object(fallback);
+}
+
 Object attr_of_module(View module, Name name, Here where);
 bool find_slot(PyTypeObject* type, Name name, Here where);
 

@@ -209,18 +209,6 @@ inline Py_ssize_t length(View container, Here where = Here::current()) {
     }
     return size;
 }
-
-namespace detail {
-
-/// The value under a key of an exact dictionary.
-inline Object value_in(View dict, View key, View fallback, Here where) {
-    PyObject* value = nullptr;
-    checked(enter([&] { return PyDict_GetItemRef(dict.get(), key.get(), &value); }), where);
-    return value != nullptr ? Object::steal(value) : Object(fallback);
-}
-
-} // namespace detail
-
 /// `mapping.get(key)`; any object with a `get` will do.
 inline Object get(View mapping, View key, Here where = Here::current()) {
     return PyDict_CheckExact(mapping.get()) ? detail::value_in(mapping, key, none(), where)
